@@ -1,0 +1,72 @@
+// The launch layer.  A kernel is written once as a per-element body (a lambda
+// marked HD); launch_1d and launch_2d run it as <<<grid, block>>> on the GPU,
+// or on the host as an OpenMP loop over the same elements.  Every launch is
+// waited for and checked, so a wrapper's result is complete when it returns.
+#pragma once
+#include <cstddef>
+
+#include "device/cuda_general.h"
+#include "device/report.h"
+
+#if defined(ZAVIK_HAVE_CUDA) && !defined(__CUDACC__)
+#error "launch.h belongs in sources compiled by nvcc when the CUDA back end is built"
+#endif
+
+// Below this many elements a host loop stays on one thread.
+constexpr long long ZK_OMP_MIN = 32768;
+
+#if defined(__CUDACC__)
+template <class F>
+__global__ void zk_kernel_1d(F f, unsigned int n) {
+  unsigned int i = blockIdx.x * 1024u + threadIdx.x;
+  if (i >= n) return;
+  f(i);
+}
+template <class F>
+__global__ void zk_kernel_2d(F f, int nx, int ny) {
+  int x = blockIdx.x * 32 + threadIdx.x;
+  int y = blockIdx.y * 32 + threadIdx.y;
+  if (x >= nx || y >= ny) return;
+  f(x, y);
+}
+#endif
+
+// One thread per element i < n, blocks of 1024, grid (n + 1023) >> 10.
+template <class F>
+void zk_launch_1d(size_t n, F f, const char* file, int line) {
+  if (n == 0) return;
+#if defined(__CUDACC__)
+  if (zk_on_gpu()) {
+    zk_kernel_1d<<<zk_grid_1d(n), dim3(1024, 1, 1)>>>(f, (unsigned int)n);
+    zk_sync_check(file, line);
+    return;
+  }
+#endif
+  (void)file;
+  (void)line;
+  const long long nn = (long long)n;
+#pragma omp parallel for schedule(static) if (nn >= ZK_OMP_MIN)
+  for (long long i = 0; i < nn; ++i) f((unsigned int)i);
+}
+
+// One thread per (x, y), x < nx, y < ny, blocks of 32 x 32.
+template <class F>
+void zk_launch_2d(int nx, int ny, F f, const char* file, int line) {
+  if (nx <= 0 || ny <= 0) return;
+#if defined(__CUDACC__)
+  if (zk_on_gpu()) {
+    zk_kernel_2d<<<zk_grid_2d(nx, ny), dim3(32, 32, 1)>>>(f, nx, ny);
+    zk_sync_check(file, line);
+    return;
+  }
+#endif
+  (void)file;
+  (void)line;
+  const long long work = (long long)nx * ny;
+#pragma omp parallel for schedule(static) if (work >= ZK_OMP_MIN)
+  for (int y = 0; y < ny; ++y)
+    for (int x = 0; x < nx; ++x) f(x, y);
+}
+
+#define launch_1d(n, ...) zk_launch_1d((n), __VA_ARGS__, zk_basename(__FILE__), __LINE__)
+#define launch_2d(nx, ny, ...) zk_launch_2d((nx), (ny), __VA_ARGS__, zk_basename(__FILE__), __LINE__)

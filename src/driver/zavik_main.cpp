@@ -1,0 +1,1 @@
+int zavik_main(int, char**) { return 0; }

@@ -1,0 +1,24 @@
+// Text files and file vetting.
+#pragma once
+#include <cstdio>
+
+// Reads up to 1023 characters, through the line feed if it comes first.
+// Returns 0 whether or not anything was read; callers clear line first.
+int read_one_line(char* line, FILE* stream);
+// Finds the first line that contains text, from the start of the stream; the
+// stream is left at the start of that line.  Its position, or -1.
+long FILE_find_str_line(FILE* stream, const char* text);
+// 1-based number of the first of lines 1 .. max + 1 of the file holding text,
+// or -1.  A file that does not open ends the process.
+int f_Nfind_str_line(const char* name, const char* text, int max);
+
+// Tests the file against each letter of modes in order: F exists, R readable,
+// W writable, X executable.  Stops with a warning at the first failure.
+// 0 when every letter passes, -1 otherwise.
+int check_file_access(const char* name, const char* modes);
+// 1 when the file exists and is readable, whatever its size.
+int is_file_zavik_done(const char* name);
+// Finds the first micrograph of files that exists and is readable, opens it
+// into stream and copies its name to first_mic.  Returns 0; stream is null
+// when no name was usable.
+int check_access_openf_1st(char** files, int n_files, char* first_mic, FILE*& stream);
