@@ -28,5 +28,3 @@ inline std::string backend_name(const ::testing::TestParamInfo<ZkBackend>& info)
 #define ZK_BACKEND_SUITE(Fixture) \
   INSTANTIATE_TEST_SUITE_P(Backends, Fixture, ::testing::Values(ZkBackend::Host, ZkBackend::Gpu), backend_name)
 
-// Runs fn on both back ends and hands each result to cmp; skipped without a GPU.
-bool zk_test_have_gpu();

@@ -5,7 +5,6 @@
 #include "backend_fixture.h"
 #include "device/cuda_general.h"
 
-bool zk_test_have_gpu() { return zk_gpu_available(); }
 
 TEST(LaunchGeometry, OneDimensionalRule) {
   EXPECT_EQ(zk_grid_1d(1).x, 1u);
