@@ -1,0 +1,76 @@
+#include "formats/safe_output.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "device/report.h"
+
+namespace {
+
+// Temporary files still open; removed if the process ends through exit().
+constexpr int kMaxOpen = 64;
+char g_open[kMaxOpen][ZK_TXT_LEN + 32];
+bool g_hooked = false;
+
+void remove_open_files() {
+  for (int i = 0; i < kMaxOpen; ++i)
+    if (g_open[i][0]) {
+      remove(g_open[i]);
+      g_open[i][0] = '\0';
+    }
+}
+
+void track(const char* tmp) {
+  if (!g_hooked) {
+    atexit(remove_open_files);
+    g_hooked = true;
+  }
+  for (int i = 0; i < kMaxOpen; ++i)
+    if (!g_open[i][0]) {
+      snprintf(g_open[i], sizeof g_open[i], "%s", tmp);
+      return;
+    }
+}
+
+void untrack(const char* tmp) {
+  for (int i = 0; i < kMaxOpen; ++i)
+    if (g_open[i][0] && strcmp(g_open[i], tmp) == 0) g_open[i][0] = '\0';
+}
+
+[[noreturn]] void write_failed(ZkOutFile& out, const char* func, int line) {
+  printf("Cannot write to file %s. Permission denied or no space left!\n", out.final_name);
+  zk_fatal(func, zk_basename(__FILE__), line, "open file failed.");
+}
+
+}  // namespace
+
+FILE* zk_out_open(ZkOutFile& out, const char* name) {
+  strlcpy(out.final_name, name);
+  snprintf(out.tmp_name, sizeof out.tmp_name, "%s.part%ld", name, (long)getpid());
+  out.fp = fopen(out.tmp_name, "w+");
+  if (!out.fp) write_failed(out, __func__, __LINE__);
+  track(out.tmp_name);
+  return out.fp;
+}
+
+void zk_out_commit(ZkOutFile& out) {
+  bool ok = out.fp && fflush(out.fp) == 0 && !ferror(out.fp);
+  if (out.fp && fclose(out.fp) != 0) ok = false;
+  out.fp = nullptr;
+  if (ok && rename(out.tmp_name, out.final_name) != 0) ok = false;
+  if (!ok) {
+    remove(out.tmp_name);
+    untrack(out.tmp_name);
+    write_failed(out, __func__, __LINE__);
+  }
+  untrack(out.tmp_name);
+}
+
+void zk_out_abandon(ZkOutFile& out) {
+  if (out.fp) fclose(out.fp);
+  out.fp = nullptr;
+  remove(out.tmp_name);
+  untrack(out.tmp_name);
+}
