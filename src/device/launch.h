@@ -68,5 +68,25 @@ void zk_launch_2d(int nx, int ny, F f, const char* file, int line) {
     for (int x = 0; x < nx; ++x) f(x, y);
 }
 
+// The same for kernels whose threads each do much serial work (one thread a
+// grid cell scanning its pixels): the host loop is parallel at any size.
+template <class F>
+void zk_launch_2d_heavy(int nx, int ny, F f, const char* file, int line) {
+  if (nx <= 0 || ny <= 0) return;
+#if defined(__CUDACC__)
+  if (zk_on_gpu()) {
+    zk_kernel_2d<<<zk_grid_2d(nx, ny), dim3(32, 32, 1)>>>(f, nx, ny);
+    zk_sync_check(file, line);
+    return;
+  }
+#endif
+  (void)file;
+  (void)line;
+  const long long cells = (long long)nx * ny;
+#pragma omp parallel for schedule(dynamic, 1) if (cells > 1)
+  for (long long c = 0; c < cells; ++c) f((int)(c % nx), (int)(c / nx));
+}
+
 #define launch_1d(n, ...) zk_launch_1d((n), __VA_ARGS__, zk_basename(__FILE__), __LINE__)
 #define launch_2d(nx, ny, ...) zk_launch_2d((nx), (ny), __VA_ARGS__, zk_basename(__FILE__), __LINE__)
+#define launch_2d_heavy(nx, ny, ...) zk_launch_2d_heavy((nx), (ny), __VA_ARGS__, zk_basename(__FILE__), __LINE__)
