@@ -15,8 +15,10 @@
 
 namespace {
 
+#if defined(ZAVIK_HAVE_CUDA)
 // -1 not yet probed, 0 none, 1 at least one GPU.
 int g_gpu_probe = -1;
+#endif
 // The back end in force once decided.
 int g_backend = -1;
 
