@@ -63,6 +63,7 @@ void zk_launch_2d(int nx, int ny, F f, const char* file, int line) {
   (void)file;
   (void)line;
   const long long work = (long long)nx * ny;
+  (void)work;  // read only by the OpenMP clause
 #pragma omp parallel for schedule(static) if (work >= ZK_OMP_MIN)
   for (int y = 0; y < ny; ++y)
     for (int x = 0; x < nx; ++x) f(x, y);
@@ -83,7 +84,7 @@ void zk_launch_2d_heavy(int nx, int ny, F f, const char* file, int line) {
   (void)file;
   (void)line;
   const long long cells = (long long)nx * ny;
-#pragma omp parallel for schedule(dynamic, 1) if (cells > 1)
+#pragma omp parallel for schedule(dynamic, 1)
   for (long long c = 0; c < cells; ++c) f((int)(c % nx), (int)(c / nx));
 }
 
