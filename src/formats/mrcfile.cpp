@@ -8,6 +8,8 @@
 
 #include "device/cuda_general.h"
 #include "device/report.h"
+#include "device/process2d_raw_extract.h"
+#include "formats/boxfile.h"
 #include "formats/safe_output.h"
 
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the samples are taken as little-endian host memory");
@@ -894,4 +896,58 @@ int mrc_flipyz(const char* in, const char* out) {
   zk_out_commit(of);
   printf("\nflipping finished!");
   return 0;
+}
+
+namespace {
+// Slice 0 of a vetted micrograph and its box list; image and boxes are new.
+int read_image_and_boxes(const char* name, const char* boxf, MRC_HEAD* head, float*& image, PTCL_BOX*& boxes) {
+  FILE* fp = ZK_FOPEN_READ(name, "rb");
+  mrc_read_head(fp, head);
+  if (mrc_vet_micrograph(name, fp, head) != 0) {
+    fclose(fp);
+    return -1;
+  }
+  image = (float*)ZK_ALLOC((size_t)head->nx * (size_t)head->ny * sizeof(float));
+  mrc_read_slice(fp, head, 0, 'z', image);
+  fclose(fp);
+  boxes = (PTCL_BOX*)ZK_ALLOC(sizeof(PTCL_BOX) * ZK_EXTRACT_MAX_BOXES);
+  return read_all_ptcl_boxes(boxes, ZK_EXTRACT_MAX_BOXES, boxf);
+}
+}  // namespace
+
+int mrcf_2d_read_ptcls_to_data_from_boxf(float* dst, const char* name, const char* boxf) {
+  MRC_HEAD head;
+  float* image = nullptr;
+  PTCL_BOX* boxes = nullptr;
+  const int n = read_image_and_boxes(name, boxf, &head, image, boxes);
+  if (n < 0) return -1;
+  const int copied = host_2d_read_ptcls_to_2ds_from_boxes(dst, boxes, n, image, head.nx, head.ny);
+  free(boxes);
+  free(image);
+  return copied;
+}
+
+int mrcf_2d_read_ptcls_to_mrcf_from_boxf(const char* out, const char* name, const char* boxf) {
+  MRC_HEAD head;
+  float* image = nullptr;
+  PTCL_BOX* boxes = nullptr;
+  const int n = read_image_and_boxes(name, boxf, &head, image, boxes);
+  if (n < 0) return -1;
+  const int w = n > 0 && boxes[0].w > 0 ? boxes[0].w : 0;
+  const int h = n > 0 && boxes[0].h > 0 ? boxes[0].h : 0;
+  const size_t small = (size_t)w * h;
+  float* stack = (float*)ZK_ALLOC((size_t)n * small * sizeof(float));
+  const int copied = host_2d_read_ptcls_to_2ds_from_boxes(stack, boxes, n, image, head.nx, head.ny);
+  // Only the copied images go out, closed up in the list's order.
+  int k = 0;
+  for (int p = 0; p < n && small > 0; ++p)
+    if (ptcl_box_inside_image(boxes[p], w, h, head.nx, head.ny)) {
+      if (k != p) memmove(stack + k * small, stack + p * small, small * sizeof(float));
+      ++k;
+    }
+  mrcf_write_xyz_data(out, stack, w, h, copied);
+  free(stack);
+  free(boxes);
+  free(image);
+  return copied;
 }

@@ -234,3 +234,13 @@ int mrc_2d_read_sub_area(FILE* fp, const MRC_HEAD* head, float* dst, int x0, int
 int mrc_2d_read_grids(FILE* fp, const MRC_HEAD* head, float* dst, int box, int step);
 // A mode 2 file of size (nx, nz, ny): the slices along y of in, one by one.
 int mrc_flipyz(const char* in, const char* out);
+// The first slice of the micrograph name and up to 10240 boxes of boxf, all
+// with the size of the first box.  The boxes that lie wholly inside the image
+// are copied to their places p * w * h of dst; the others get a warning and
+// their places stay unwritten.  Returns the number copied, -1 when the
+// micrograph cannot be read.
+int mrcf_2d_read_ptcls_to_data_from_boxf(float* dst, const char* name, const char* boxf);
+// The same into a new mode 2 stack file out, which holds only the copied
+// boxes, in the list's order (a stack meant for classification gets no empty
+// images).  Returns the number of images written, -1 as above.
+int mrcf_2d_read_ptcls_to_mrcf_from_boxf(const char* out, const char* name, const char* boxf);
