@@ -208,7 +208,8 @@ TEST(ExtractFile, StackBesideTheMicrographWithItsHead) {
   std::string text;
   for (auto& p : pos) text += box_line(p[0], p[1], w, h);
   write_text(boxf, text);
-  std::string out = captured_stdout([&] { EXPECT_EQ(mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 0, 0), 0); });
+  std::string out = captured_stdout(
+      [&] { EXPECT_EQ(mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 0, 0), 0); });
   EXPECT_EQ(out, "");
   std::string stack = dir / "mic_particles.mrcs";
   ASSERT_TRUE(zk_exists(stack));
@@ -352,14 +353,16 @@ TEST(ExtractFile, WholeBoxesOnlyFromBoxFile) {
   write_text(boxf, box_line(1, 1, 4, 4) + box_line(16, 2, 4, 4) + box_line(15, 7, 4, 4));
   std::vector<float> dst(3 * 16, -1.0f);
   int n = 0;
-  std::string out = captured_stdout([&] { n = mrcf_2d_read_ptcls_to_data_from_boxf(dst.data(), mic.c_str(), boxf.c_str()); });
+  std::string out =
+      captured_stdout([&] { n = mrcf_2d_read_ptcls_to_data_from_boxf(dst.data(), mic.c_str(), boxf.c_str()); });
   EXPECT_EQ(n, 2);
   EXPECT_EQ(out, "Warning: box (16 2 4 4)out of range, skip extracting this particle!\n");
   EXPECT_EQ(dst[0], code(1, 1));
   EXPECT_EQ(dst[16], -1.0f);
   EXPECT_EQ(dst[32 + 15], code(18, 10));
   std::string stack = dir / "w_stack.mrcs";
-  captured_stdout([&] { EXPECT_EQ(mrcf_2d_read_ptcls_to_mrcf_from_boxf(stack.c_str(), mic.c_str(), boxf.c_str()), 2); });
+  captured_stdout(
+      [&] { EXPECT_EQ(mrcf_2d_read_ptcls_to_mrcf_from_boxf(stack.c_str(), mic.c_str(), boxf.c_str()), 2); });
   float* d = get_mrcf_data_all(stack.c_str());
   MRC_HEAD* h = get_mrcf_head(stack.c_str());
   EXPECT_EQ(h->nz, 2);

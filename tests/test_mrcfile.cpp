@@ -411,6 +411,12 @@ TEST(MrcRead, SlicesAlongEveryAxisFollowTheIndexFormulas) {
     for (int z = 0; z < nz; ++z)
       for (int y = 0; y < ny; ++y) ASSERT_EQ(v[z * ny + y], 3 + 10 * y + 100 * z);
   }
+  // Planes outside the volume read as zeros.
+  EXPECT_EQ(read_slice_of(p, -1, 'z', nx * ny), std::vector<float>(nx * ny, 0.0f));
+  EXPECT_EQ(read_slice_of(p, nz, 'z', nx * ny), std::vector<float>(nx * ny, 0.0f));
+  EXPECT_EQ(read_slice_of(p, -1, 'x', ny * nz), std::vector<float>(ny * nz, 0.0f));
+  EXPECT_EQ(read_slice_of(p, nx, 'x', ny * nz), std::vector<float>(ny * nz, 0.0f));
+  EXPECT_EQ(read_slice_of(p, ny, 'y', nx * nz), std::vector<float>(nx * nz, 0.0f));
   // Another letter reads nothing and still returns 0.
   std::vector<float> q = read_slice_of(p, 0, 'q', 4);
   EXPECT_EQ(q, std::vector<float>(4, -7.0f));
@@ -519,7 +525,8 @@ TEST(MrcSize, ExtendedHeaderIsNotSkipped) {
         mrc_read_head(f, &h);
         mrc_read_all(f, &h, v.data());
       },
-      ::testing::ExitedWithCode(1), "Error in function mrc_read_all\\(\\), file mrcfile.cpp on line [0-9]+: File size error!! Exit now!");
+      ::testing::ExitedWithCode(1),
+      "Error in function mrc_read_all\\(\\), file mrcfile.cpp on line [0-9]+: File size error!! Exit now!");
 }
 
 TEST(MrcSize, TruncatedSliceReadsZerosBeyondTheEnd) {
@@ -769,7 +776,8 @@ TEST(MrcWrite, UnwritableNameEndsTheRun) {
         mrcf_write_xyz_data("/nonexistent_zk/o.mrc", &v, 1, 1, 1);
       },
       ::testing::ExitedWithCode(1),
-      "Cannot write to file /nonexistent_zk/o.mrc. Permission denied or no space left!\n.*open file failed.! Exit now!");
+      "Cannot write to file /nonexistent_zk/o.mrc. Permission denied or no space left!\n"
+      ".*open file failed.! Exit now!");
 }
 
 TEST(MrcWrite, FailedWriteLeavesNoFile) {

@@ -19,11 +19,10 @@ int cpu_x2d_extract_small_from_large(float* dst, int w, int h, const float* src,
   return 0;
 }
 
-int cpu_x2d_movie_extract_small_from_large(float* dst, int w, int h, int nz, const float* src, int nx, int ny,
-                                           int x0, int y0) {
+int cpu_x2d_movie_extract_small_from_large(float* dst, int w, int h, int nz, const float* src, int nx, int ny, int x0,
+                                           int y0) {
   const size_t small = (size_t)w * h, large = (size_t)nx * ny;
-  for (int f = 0; f < nz; ++f)
-    cpu_x2d_extract_small_from_large(dst + f * small, w, h, src + f * large, nx, ny, x0, y0);
+  for (int f = 0; f < nz; ++f) cpu_x2d_extract_small_from_large(dst + f * small, w, h, src + f * large, nx, ny, x0, y0);
   return 0;
 }
 
@@ -54,8 +53,7 @@ bool ptcl_box_inside_image(const PTCL_BOX& box, int w, int h, int nx, int ny) {
   return box.x >= 0 && box.y >= 0 && (long long)box.x + w < nx && (long long)box.y + h < ny;
 }
 
-int host_2d_read_ptcls_to_2ds_from_boxes(float* dst, const PTCL_BOX* boxes, int n, const float* image, int nx,
-                                         int ny) {
+int host_2d_read_ptcls_to_2ds_from_boxes(float* dst, const PTCL_BOX* boxes, int n, const float* image, int nx, int ny) {
   if (n <= 0) return 0;
   const int w = boxes[0].w, h = boxes[0].h;
   if (w <= 0 || h <= 0) return 0;
@@ -73,7 +71,6 @@ int host_2d_read_ptcls_to_2ds_from_boxes(float* dst, const PTCL_BOX* boxes, int 
   return copied;
 }
 
-void hcuda_2d_extract_small_from_large(float* d_dst, int w, int h, const float* d_src, int nx, int ny, int x0,
-                                       int y0) {
+void hcuda_2d_extract_small_from_large(float* d_dst, int w, int h, const float* d_src, int nx, int ny, int x0, int y0) {
   launch_2d(w, h, [=] HD(int x, int y) { cuda_2d_extract_small_from_large(x, y, d_dst, w, d_src, nx, ny, x0, y0); });
 }

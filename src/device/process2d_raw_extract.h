@@ -16,8 +16,8 @@ constexpr int ZK_EXTRACT_MAX_BOXES = 10240;
 int cpu_x2d_extract_small_from_large(float* dst, int w, int h, const float* src, int nx, int ny, int x0, int y0);
 // The same cut-out in each of nz sections: section f of dst at f*w*h, of src
 // at f*nx*ny.
-int cpu_x2d_movie_extract_small_from_large(float* dst, int w, int h, int nz, const float* src, int nx, int ny,
-                                           int x0, int y0);
+int cpu_x2d_movie_extract_small_from_large(float* dst, int w, int h, int nz, const float* src, int nx, int ny, int x0,
+                                           int y0);
 // n boxes of w by h (their corners from boxes) out of one image, particle p at
 // p*w*h of dst.
 int cpu_x2d_extract_ptcls_from_micrograph(float* dst, int w, int h, int n, const float* image, int nx, int ny,
@@ -36,8 +36,6 @@ bool ptcl_box_inside_image(const PTCL_BOX& box, int w, int h, int nx, int ny);
 // Copies each box (all with the w and h of record 0) that lies inside the image
 // to its place p*w*h of dst; a box outside gets a warning and its place stays
 // unwritten.  Returns the number of boxes copied.
-int host_2d_read_ptcls_to_2ds_from_boxes(float* dst, const PTCL_BOX* boxes, int n, const float* image, int nx,
-                                         int ny);
+int host_2d_read_ptcls_to_2ds_from_boxes(float* dst, const PTCL_BOX* boxes, int n, const float* image, int nx, int ny);
 // The cut-out of cpu_x2d_extract_small_from_large on device arrays.
-void hcuda_2d_extract_small_from_large(float* d_dst, int w, int h, const float* d_src, int nx, int ny, int x0,
-                                       int y0);
+void hcuda_2d_extract_small_from_large(float* d_dst, int w, int h, const float* d_src, int nx, int ny, int x0, int y0);

@@ -7,8 +7,8 @@
 #include <type_traits>
 
 #include "device/cuda_general.h"
-#include "device/report.h"
 #include "device/process2d_raw_extract.h"
+#include "device/report.h"
 #include "formats/boxfile.h"
 #include "formats/safe_output.h"
 
@@ -161,30 +161,54 @@ size_t read_samples(FILE* fp, const MRC_HEAD* head, size_t n, T* dst) {
 }
 
 template <class T>
+void fill_zero(T* dst, size_t n) {
+  for (size_t i = 0; i < n; ++i) dst[i] = (T)0;
+}
+
+// n samples from byte offset pos; what cannot be read is 0.
+template <class T>
+void seek_and_read(FILE* fp, const MRC_HEAD* head, long long pos, size_t n, T* dst) {
+  if (fseek(fp, (long)pos, SEEK_SET) != 0) {
+    fill_zero(dst, n);
+    return;
+  }
+  read_samples(fp, head, n, dst);
+}
+
+template <class T>
 int read_slice_as(FILE* fp, const MRC_HEAD* head, int slice, char axis, T* dst) {
   if (!mrc_mode_readable(head->mode)) return 0;
   const long long b = mrc_mode_bytes(head->mode);
   const long long nx = head->nx, ny = head->ny, nz = head->nz;
   if (nx <= 0 || ny <= 0 || nz <= 0) return 0;
+  // A plane outside the volume reads as zeros rather than as samples of
+  // a neighbouring row or section.
   switch (axis) {
     case 'z':
     case 'Z':
-      fseek(fp, (long)(MRC_HEAD_BYTES + nx * ny * b * slice), SEEK_SET);
-      read_samples(fp, head, (size_t)(nx * ny), dst);
+      if (slice < 0 || slice >= nz) {
+        fill_zero(dst, (size_t)(nx * ny));
+        break;
+      }
+      seek_and_read(fp, head, MRC_HEAD_BYTES + nx * ny * b * slice, (size_t)(nx * ny), dst);
       break;
     case 'y':
     case 'Y':
-      for (long long z = 0; z < nz; ++z) {
-        fseek(fp, (long)(MRC_HEAD_BYTES + (z * nx * ny + (long long)slice * nx) * b), SEEK_SET);
-        read_samples(fp, head, (size_t)nx, dst + z * nx);
+      if (slice < 0 || slice >= ny) {
+        fill_zero(dst, (size_t)(nx * nz));
+        break;
       }
+      for (long long z = 0; z < nz; ++z)
+        seek_and_read(fp, head, MRC_HEAD_BYTES + (z * nx * ny + (long long)slice * nx) * b, (size_t)nx, dst + z * nx);
       break;
     case 'x':
     case 'X':
-      for (long long k = 0; k < ny * nz; ++k) {
-        fseek(fp, (long)(MRC_HEAD_BYTES + (k * nx + slice) * b), SEEK_SET);
-        read_samples(fp, head, 1, dst + k);
+      if (slice < 0 || slice >= nx) {
+        fill_zero(dst, (size_t)(ny * nz));
+        break;
       }
+      for (long long k = 0; k < ny * nz; ++k)
+        seek_and_read(fp, head, MRC_HEAD_BYTES + (k * nx + slice) * b, 1, dst + k);
       break;
     default:
       break;
@@ -398,32 +422,29 @@ int mrc_vet_micrograph(const char* name, FILE* fp, const MRC_HEAD* head) {
     return -1;
   }
   if (head->nx <= 0 || head->ny <= 0 || head->nz <= 0) {
-    printf("Micrograph %s has no usable size in its head: Nx %d, Ny %d, Nz %d.\n", name, head->nx, head->ny,
-           head->nz);
+    printf("Micrograph %s has no usable size in its head: Nx %d, Ny %d, Nz %d.\n", name, head->nx, head->ny, head->nz);
     return -1;
   }
   // Kernels index pixels with 32-bit integers.
   if (head->nx > 1000000 || head->ny > 1000000 || (long long)head->nx * head->ny >= (1LL << 31)) {
-    printf("Micrograph %s is too large: Nx %d, Ny %d; at most 1000000 a side and 2147483647 pixels.\n", name,
-           head->nx, head->ny);
+    printf("Micrograph %s is too large: Nx %d, Ny %d; at most 1000000 a side and 2147483647 pixels.\n", name, head->nx,
+           head->ny);
     return -1;
   }
   if (!mrc_mode_readable(head->mode)) {
-    printf("Micrograph %s has mode %d (%s), which cannot be read; modes 0, 1, 2, 6 and 12 can.\n", name,
-           head->mode, mrc_get_head_mode(head));
+    printf("Micrograph %s has mode %d (%s), which cannot be read; modes 0, 1, 2, 6 and 12 can.\n", name, head->mode,
+           mrc_get_head_mode(head));
     return -1;
   }
   const long need = MRC_HEAD_BYTES + (long)head->nx * head->ny * mrc_mode_bytes(head->mode);
   if (fsize < need) {
-    printf("Micrograph %s is shorter than its head promises: %ld bytes, at least %ld needed.\n", name, fsize,
-           need);
+    printf("Micrograph %s is shorter than its head promises: %ld bytes, at least %ld needed.\n", name, fsize, need);
     return -1;
   }
   return 0;
 }
 
-int check_mrc_head_sizes_two(const char* first_mic, const char* mic, const MRC_HEAD* head_first,
-                             const MRC_HEAD* head) {
+int check_mrc_head_sizes_two(const char* first_mic, const char* mic, const MRC_HEAD* head_first, const MRC_HEAD* head) {
   if (head_first->nx == head->nx && head_first->ny == head->ny && head_first->nz == head->nz &&
       head_first->mode == head->mode)
     return 0;
@@ -432,8 +453,8 @@ int check_mrc_head_sizes_two(const char* first_mic, const char* mic, const MRC_H
       "micrographs are the same sizes and format? \n ",
       first_mic, mic);
   printf("      Nx      Ny      Nz      Mode             File:\n");
-  printf("      %-8d%-8d%-8d%-18s  %s\n", head_first->nx, head_first->ny, head_first->nz,
-         mrc_get_head_mode(head_first), first_mic);
+  printf("      %-8d%-8d%-8d%-18s  %s\n", head_first->nx, head_first->ny, head_first->nz, mrc_get_head_mode(head_first),
+         first_mic);
   printf("      %-8d%-8d%-8d%-18s  %s\n", head->nx, head->ny, head->nz, mrc_get_head_mode(head), mic);
   fflush(stdout);
   exit(1);
@@ -562,6 +583,8 @@ int mrcf_i_open_io_read_head(const char* name, FILE*& fp, MRC_HEAD* head_in, MRC
   mrc_read_head(fp, head_in);
   *head_out = *head_in;
   head_out->mode = MRC_MODE_FLOAT;
+  // The output will hold host-order floats whatever the input's byte order.
+  set_little_endian_stamp(head_out);
   return 0;
 }
 
@@ -571,11 +594,9 @@ int mrcf_io_open_io_read_head(const char* in, const char* out, FILE*& fp_in, FIL
   return mrcf_i_open_io_read_head(in, fp_in, head_in, head_out);
 }
 
-int mrcf_io_open_io_read_write_head(const char* in, const char* out, FILE*& fp_in, FILE*& fp_out,
-                                    MRC_HEAD* head_in, MRC_HEAD* head_out) {
+int mrcf_io_open_io_read_write_head(const char* in, const char* out, FILE*& fp_in, FILE*& fp_out, MRC_HEAD* head_in,
+                                    MRC_HEAD* head_out) {
   mrcf_io_open_io_read_head(in, out, fp_in, fp_out, head_in, head_out);
-  // The output's samples will be host-order floats.
-  set_little_endian_stamp(head_out);
   mrc_write_head(fp_out, head_out);
   return 0;
 }
@@ -694,8 +715,8 @@ int mrcf_read_head_data_nocheck(const char* name, MRC_HEAD* head, float* dst) {
 }
 
 namespace {
-int read_checked(const char* name, MRC_HEAD* head, float* dst, int nx, int ny, int nz, bool check_z,
-                 const char* func, int line) {
+int read_checked(const char* name, MRC_HEAD* head, float* dst, int nx, int ny, int nz, bool check_z, const char* func,
+                 int line) {
   FILE* fp = ZK_FOPEN_READ(name, "rb");
   mrc_read_head(fp, head);
   if (head->nx != nx || head->ny != ny || (check_z && head->nz != nz)) {

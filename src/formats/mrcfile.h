@@ -46,8 +46,8 @@ struct MRC_HEAD {
   float xorg;
   float yorg;
   float zorg;
-  char cmap[4];             // "MAP "
-  unsigned char stamp[4];   // machine stamp: 0x44 0x41 little-endian, 0x11 0x11 big-endian
+  char cmap[4];            // "MAP "
+  unsigned char stamp[4];  // machine stamp: 0x44 0x41 little-endian, 0x11 0x11 big-endian
   float rms;
   int32_t nlabl;
   char labels[10][80];
@@ -147,8 +147,7 @@ const char* mrc_get_head_mode(const MRC_HEAD* head);
 // that cannot be read, and files too short for slice 0.
 int mrc_vet_micrograph(const char* name, FILE* fp, const MRC_HEAD* head);
 // 0 when nx, ny, nz and mode agree; otherwise the report and status 1.
-int check_mrc_head_sizes_two(const char* first_mic, const char* mic, const MRC_HEAD* head_first,
-                             const MRC_HEAD* head);
+int check_mrc_head_sizes_two(const char* first_mic, const char* mic, const MRC_HEAD* head_first, const MRC_HEAD* head);
 
 // ---- Writing ----
 
@@ -182,8 +181,8 @@ int mrcf_i_open_io_read_head(const char* name, FILE*& fp, MRC_HEAD* head_in, MRC
 int mrcf_io_open_io_read_head(const char* in, const char* out, FILE*& fp_in, FILE*& fp_out, MRC_HEAD* head_in,
                               MRC_HEAD* head_out);
 // As above, then writes head_out to fp_out.
-int mrcf_io_open_io_read_write_head(const char* in, const char* out, FILE*& fp_in, FILE*& fp_out,
-                                    MRC_HEAD* head_in, MRC_HEAD* head_out);
+int mrcf_io_open_io_read_write_head(const char* in, const char* out, FILE*& fp_in, FILE*& fp_out, MRC_HEAD* head_in,
+                                    MRC_HEAD* head_out);
 // Closes both streams (null allowed) and frees both heads.
 int mrc_io_close_io_free_head(FILE* fp_in, FILE* fp_out, MRC_HEAD* head_in, MRC_HEAD* head_out);
 int mrc_io_close_io_free_head_data(FILE* fp_in, FILE* fp_out, MRC_HEAD* head_in, MRC_HEAD* head_out, float* data);
