@@ -1,0 +1,374 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "backend_fixture.h"
+#include "device/cuda_general.h"
+#include "device/process2d_mrc.h"
+#include "device/process2d_raw_extract.h"
+#include "formats/mrcfile.h"
+#include "test_util.h"
+
+namespace {
+
+// Pixel values that name their place: v(x, y, f) = x + 100 y + 10000 f.
+float code(int x, int y, int f = 0) { return (float)(x + 100 * y + 10000 * f); }
+
+std::vector<float> coded_image(int nx, int ny, int nz = 1) {
+  std::vector<float> v((size_t)nx * ny * nz);
+  for (int f = 0; f < nz; ++f)
+    for (int y = 0; y < ny; ++y)
+      for (int x = 0; x < nx; ++x) v[((size_t)f * ny + y) * nx + x] = code(x, y, f);
+  return v;
+}
+
+// What a cut-out must hold: the coded value inside the image, 0 outside.
+float expected(int x0, int y0, int i, int j, int nx, int ny, int f = 0) {
+  int x = x0 + i, y = y0 + j;
+  return (x < 0 || y < 0 || x >= nx || y >= ny) ? 0.0f : code(x, y, f);
+}
+
+void write_text(const std::string& p, const std::string& text) {
+  FILE* f = fopen(p.c_str(), "w");
+  fputs(text.c_str(), f);
+  fclose(f);
+}
+
+std::string box_line(int x, int y, int w, int h) {
+  char buf[128];
+  snprintf(buf, sizeof buf, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f\n", x, y, w, h, 0.5f, 0, 0.0f);
+  return buf;
+}
+
+PTCL_BOX box_at(int x, int y, int w, int h) {
+  PTCL_BOX b;
+  memset(&b, 0, sizeof b);
+  b.x = x;
+  b.y = y;
+  b.w = w;
+  b.h = h;
+  return b;
+}
+
+std::string captured_stdout(const std::function<void()>& fn) {
+  fflush(stdout);
+  testing::internal::CaptureStdout();
+  fn();
+  fflush(stdout);
+  return testing::internal::GetCapturedStdout();
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- cutting
+
+TEST(ExtractCut, CornersInsideAndOverEveryEdge) {
+  const int nx = 30, ny = 20, w = 16, h = 8;
+  std::vector<float> img = coded_image(nx, ny);
+  const int corners[][2] = {{3, 4}, {-10, 5}, {20, 2}, {7, -3}, {9, 15}, {-20, -9}, {14, 12}, {100, 100}, {-16, 0}};
+  for (auto& c : corners) {
+    std::vector<float> out(w * h, -1.0f);
+    cpu_x2d_extract_small_from_large(out.data(), w, h, img.data(), nx, ny, c[0], c[1]);
+    for (int j = 0; j < h; ++j)
+      for (int i = 0; i < w; ++i)
+        ASSERT_EQ(out[j * w + i], expected(c[0], c[1], i, j, nx, ny)) << c[0] << "," << c[1] << " at " << i << "," << j;
+  }
+  // Over the left edge by 10: ten columns of 0.0, then the image's first columns.
+  std::vector<float> out(w * h);
+  cpu_x2d_extract_small_from_large(out.data(), w, h, img.data(), nx, ny, -10, 5);
+  for (int j = 0; j < h; ++j) {
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(out[j * w + i], 0.0f);
+    EXPECT_EQ(out[j * w + 10], code(0, 5 + j));
+    EXPECT_EQ(out[j * w + 15], code(5, 5 + j));
+  }
+}
+
+TEST(ExtractCut, CornersFromInt2) {
+  const int nx = 12, ny = 10, w = 4, h = 3;
+  std::vector<float> img = coded_image(nx, ny);
+  const int2 c[3] = {make_i2(0, 0), make_i2(10, 8), make_i2(-2, 1)};
+  std::vector<float> out(3 * w * h, -1.0f);
+  cpu_x2d_extract_smalls_from_large(out.data(), w, h, 3, img.data(), nx, ny, c);
+  for (int p = 0; p < 3; ++p)
+    for (int j = 0; j < h; ++j)
+      for (int i = 0; i < w; ++i) EXPECT_EQ(out[(p * h + j) * w + i], expected(c[p].x, c[p].y, i, j, nx, ny));
+}
+
+TEST(ExtractCut, SixteenFrameMovieKeepsTheFramesOfAParticleTogether) {
+  const int nx = 24, ny = 18, nz = 16, w = 5, h = 4;
+  std::vector<float> movie = coded_image(nx, ny, nz);
+  const PTCL_BOX boxes[3] = {box_at(2, 3, w, h), box_at(20, 15, 9, 9), box_at(-1, 0, 0, 0)};
+  std::vector<float> out((size_t)3 * nz * w * h, -1.0f);
+  cpu_x2d_extract_ptcls_from_movie(out.data(), w, h, nz, 3, movie.data(), nx, ny, boxes);
+  // Image k of the stack is particle k / 16, frame k % 16; all use w and h given.
+  for (int k = 0; k < 48; ++k) {
+    int p = k / 16, f = k % 16;
+    for (int j = 0; j < h; ++j)
+      for (int i = 0; i < w; ++i)
+        ASSERT_EQ(out[((size_t)k * h + j) * w + i], expected(boxes[p].x, boxes[p].y, i, j, nx, ny, f))
+            << "image " << k;
+  }
+  std::vector<float> one((size_t)nz * w * h);
+  cpu_x2d_movie_extract_small_from_large(one.data(), w, h, nz, movie.data(), nx, ny, 20, 15);
+  EXPECT_EQ(std::vector<float>(out.begin() + 16 * w * h, out.begin() + 32 * w * h), one);
+}
+
+TEST(ExtractCut, MicrographParticlesInListOrder) {
+  const int nx = 16, ny = 16, w = 6, h = 6;
+  std::vector<float> img = coded_image(nx, ny);
+  const PTCL_BOX boxes[4] = {box_at(10, 10, w, h), box_at(0, 0, w, h), box_at(-3, 12, w, h), box_at(5, 1, w, h)};
+  std::vector<float> out(4 * w * h);
+  cpu_x2d_extract_ptcls_from_micrograph(out.data(), w, h, 4, img.data(), nx, ny, boxes);
+  for (int p = 0; p < 4; ++p)
+    for (int j = 0; j < h; ++j)
+      for (int i = 0; i < w; ++i)
+        EXPECT_EQ(out[(p * h + j) * w + i], expected(boxes[p].x, boxes[p].y, i, j, nx, ny));
+}
+
+TEST(ExtractCut, BoxesOutsideAreSkippedWithAWarning) {
+  const int nx = 10, ny = 8;
+  std::vector<float> img = coded_image(nx, ny);
+  // The first record's size serves for all; x + w must stay below nx.
+  const PTCL_BOX boxes[5] = {box_at(1, 1, 3, 3), box_at(7, 0, 9, 9), box_at(6, 4, 3, 3), box_at(-1, 2, 3, 3),
+                             box_at(2, 5, 3, 3)};
+  std::vector<float> out(5 * 9, -1.0f);
+  int n = 0;
+  std::string text =
+      captured_stdout([&] { n = host_2d_read_ptcls_to_2ds_from_boxes(out.data(), boxes, 5, img.data(), nx, ny); });
+  EXPECT_EQ(n, 2);
+  EXPECT_EQ(text,
+            "Warning: box (7 0 9 9)out of range, skip extracting this particle!\n"
+            "Warning: box (-1 2 3 3)out of range, skip extracting this particle!\n"
+            "Warning: box (2 5 3 3)out of range, skip extracting this particle!\n");
+  for (int p : {0, 2})
+    for (int j = 0; j < 3; ++j)
+      for (int i = 0; i < 3; ++i) EXPECT_EQ(out[p * 9 + j * 3 + i], code(boxes[p].x + i, boxes[p].y + j));
+  for (int p : {1, 3, 4})
+    for (int k = 0; k < 9; ++k) EXPECT_EQ(out[p * 9 + k], -1.0f) << p;
+}
+
+class ExtractDevice : public BackendTest {};
+TEST_P(ExtractDevice, CutOutMatchesOnTheDevice) {
+  const int nx = 70, ny = 45, w = 40, h = 33;  // more than one 32 x 32 block each way
+  std::vector<float> img = coded_image(nx, ny);
+  float* d_img = d_alloc_float(img.size());
+  float* d_out = d_alloc_float((size_t)w * h);
+  ASSERT_EQ(memcpy_H2D(d_img, img.data(), img.size() * 4), 0);
+  const int corners[][2] = {{5, 6}, {-10, 3}, {50, 30}, {-39, -32}, {0, 0}};
+  for (auto& c : corners) {
+    hcuda_2d_extract_small_from_large(d_out, w, h, d_img, nx, ny, c[0], c[1]);
+    std::vector<float> out((size_t)w * h);
+    ASSERT_EQ(memcpy_D2H(out.data(), d_out, out.size() * 4), 0);
+    for (int j = 0; j < h; ++j)
+      for (int i = 0; i < w; ++i) ASSERT_EQ(out[j * w + i], expected(c[0], c[1], i, j, nx, ny)) << c[0] << "," << c[1];
+  }
+  device_free(d_img);
+  device_free(d_out);
+}
+ZK_BACKEND_SUITE(ExtractDevice);
+
+// ---------------------------------------------------------------- files
+
+namespace {
+
+// A mode 1 micrograph of nx x ny x nz shorts with value x + 100 y + 10000 f
+// (kept in 16 bits by small sizes), written byte by byte.
+void write_short_micrograph(const std::string& p, int nx, int ny, int nz) {
+  std::vector<unsigned char> b(1024, 0);
+  int32_t head[4] = {nx, ny, nz, 1};
+  memcpy(b.data(), head, 16);
+  memcpy(&b[208], "MAP ", 4);
+  b[212] = 0x44;
+  b[213] = 0x41;
+  for (int f = 0; f < nz; ++f)
+    for (int y = 0; y < ny; ++y)
+      for (int x = 0; x < nx; ++x) {
+        int16_t v = (int16_t)code(x, y, f);
+        b.push_back((unsigned char)(v & 0xFF));
+        b.push_back((unsigned char)((uint16_t)v >> 8));
+      }
+  FILE* f = fopen(p.c_str(), "wb");
+  fwrite(b.data(), 1, b.size(), f);
+  fclose(f);
+}
+
+}  // namespace
+
+TEST(ExtractFile, StackBesideTheMicrographWithItsHead) {
+  ZkTmpDir dir;
+  const int nx = 40, ny = 30, w = 12, h = 12;
+  std::string mic = dir / "mic.mrc", boxf = dir / "mic_zavik.box";
+  write_short_micrograph(mic, nx, ny, 1);
+  const int pos[][2] = {{5, 6}, {-10, 2}, {34, 25}, {14, 9}};
+  std::string text;
+  for (auto& p : pos) text += box_line(p[0], p[1], w, h);
+  write_text(boxf, text);
+  std::string out = captured_stdout(
+      [&] { EXPECT_EQ(mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 0, 0), 0); });
+  EXPECT_EQ(out, "");
+  std::string stack = dir / "mic_particles.mrcs";
+  ASSERT_TRUE(zk_exists(stack));
+  MRC_HEAD* head = get_mrcf_head(stack.c_str());
+  EXPECT_EQ(head->nx, w);
+  EXPECT_EQ(head->ny, h);
+  EXPECT_EQ(head->nz, 4);
+  EXPECT_EQ(head->mode, 2);
+  EXPECT_EQ(head->mx, 1);
+  EXPECT_EQ(head->xlen, 1.0f);
+  float* d = get_mrcf_data_all(stack.c_str());
+  double sum = 0.0;
+  float mn = 1e30f, mx = -1e30f;
+  for (int k = 0; k < 4; ++k)
+    for (int j = 0; j < h; ++j)
+      for (int i = 0; i < w; ++i) {
+        float e = expected(pos[k][0], pos[k][1], i, j, nx, ny);
+        ASSERT_EQ(d[(k * h + j) * w + i], e) << k;
+        sum += e;
+        mn = std::min(mn, e);
+        mx = std::max(mx, e);
+      }
+  EXPECT_EQ(head->amin, mn);
+  EXPECT_EQ(head->amax, mx);
+  EXPECT_EQ(head->amean, (float)(sum / (4 * w * h)));
+  free(d);
+  free(head);
+}
+
+TEST(ExtractFile, BoxSizeResizesAroundTheCentreAndInvertNegates) {
+  ZkTmpDir dir;
+  const int nx = 50, ny = 40;
+  std::string mic = dir / "m.mrc", boxf = dir / "m_zavik.box";
+  write_short_micrograph(mic, nx, ny, 1);
+  // 20 x 20 boxes at (10, 8) and (25, 15); a box of 10 moves the corners by 5.
+  write_text(boxf, box_line(10, 8, 20, 20) + box_line(25, 15, 20, 20));
+  float* s = get_mrcf_data_ptcls(mic.c_str(), boxf.c_str(), 10, 1);
+  const int c[2][2] = {{15, 13}, {30, 20}};
+  for (int p = 0; p < 2; ++p)
+    for (int j = 0; j < 10; ++j)
+      for (int i = 0; i < 10; ++i) ASSERT_EQ(s[(p * 10 + j) * 10 + i], -code(c[p][0] + i, c[p][1] + j));
+  free(s);
+}
+
+TEST(ExtractFile, SixteenFrameMovieGivesFortyEightImages) {
+  ZkTmpDir dir;
+  const int nx = 20, ny = 16, nz = 16, w = 6, h = 5;
+  std::string mic = dir / "movie.mrcs", boxf = dir / "movie_zavik.box";
+  // Frame codes run past 16 bits: a float movie.
+  std::vector<float> frames = coded_image(nx, ny, nz);
+  mrcf_write_xyz_data(mic.c_str(), frames.data(), nx, ny, nz);
+  const int pos[3][2] = {{1, 2}, {16, 13}, {7, 0}};
+  write_text(boxf, box_line(1, 2, w, h) + box_line(16, 13, 99, 99) + box_line(7, 0, 1, 1));
+  mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 0, 0);
+  std::string stack = dir / "movie_particles.mrcs";
+  MRC_HEAD* head = get_mrcf_head(stack.c_str());
+  EXPECT_EQ(head->nx, w);
+  EXPECT_EQ(head->ny, h);
+  EXPECT_EQ(head->nz, 48);
+  float* d = get_mrcf_data_all(stack.c_str());
+  for (int k = 0; k < 48; ++k)
+    for (int j = 0; j < h; ++j)
+      for (int i = 0; i < w; ++i)
+        ASSERT_EQ(d[(k * h + j) * w + i], expected(pos[k / 16][0], pos[k / 16][1], i, j, nx, ny, k % 16)) << k;
+  free(d);
+  free(head);
+}
+
+TEST(ExtractFile, AtMost10240Particles) {
+  ZkTmpDir dir;
+  std::string mic = dir / "many.mrc", boxf = dir / "many_zavik.box";
+  write_short_micrograph(mic, 8, 8, 1);
+  std::string text;
+  for (int i = 0; i < 10241; ++i) text += box_line(i % 7, (i / 7) % 7, 2, 2);
+  write_text(boxf, text);
+  mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 0, 0);
+  std::string stack = dir / "many_particles.mrcs";
+  MRC_HEAD* head = get_mrcf_head(stack.c_str());
+  EXPECT_EQ(head->nz, 10240);
+  free(head);
+  float* d = get_mrcf_data_all(stack.c_str());
+  const int k = 10239;
+  EXPECT_EQ(d[k * 4 + 3], code(k % 7 + 1, (k / 7) % 7 + 1));
+  free(d);
+}
+
+TEST(ExtractFile, EmptyListGivesAnEmptyStack) {
+  ZkTmpDir dir;
+  std::string mic = dir / "e.mrc", boxf = dir / "e_zavik.box";
+  write_short_micrograph(mic, 8, 8, 1);
+  write_text(boxf, "\n\n");
+  mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 64, 0);
+  std::string stack = dir / "e_particles.mrcs";
+  EXPECT_EQ(zk_slurp(stack).size(), 1024u);
+  MRC_HEAD* head = get_mrcf_head(stack.c_str());
+  EXPECT_EQ(head->nx, 0);
+  EXPECT_EQ(head->ny, 0);
+  EXPECT_EQ(head->nz, 0);
+  EXPECT_EQ(head->mode, 2);
+  free(head);
+}
+
+TEST(ExtractFile, UnusableMicrographsEndTheRun) {
+  ZkTmpDir dir;
+  std::string boxf = dir / "z_zavik.box";
+  write_text(boxf, box_line(0, 0, 2, 2));
+  std::string zero = dir / "z.mrc";
+  std::vector<unsigned char> b(1024, 0);
+  int32_t head[4] = {4, 4, 0, 2};
+  memcpy(b.data(), head, 16);
+  FILE* f = fopen(zero.c_str(), "wb");
+  fwrite(b.data(), 1, b.size(), f);
+  fclose(f);
+  EXPECT_EXIT(
+      {
+        ZK_STDOUT_TO_STDERR();
+        mrcf_x2d_extract_ptcls_from_micrograph(zero.c_str(), boxf.c_str(), 0, 0);
+      },
+      ::testing::ExitedWithCode(1),
+      "Error in function get_mrcf_data_ptcls\\(\\), file process2d_mrc.cpp on line [0-9]+: Micrograph or movie size "
+      "error!! Exit now!");
+  std::string longer = dir / "l.mrc";
+  write_short_micrograph(longer, 4, 4, 1);
+  f = fopen(longer.c_str(), "ab");
+  fputc(0, f);
+  fclose(f);
+  EXPECT_EXIT(
+      {
+        ZK_STDOUT_TO_STDERR();
+        mrcf_x2d_extract_ptcls_from_micrograph(longer.c_str(), boxf.c_str(), 0, 0);
+      },
+      ::testing::ExitedWithCode(1), "File size error!! Exit now!");
+  EXPECT_FALSE(zk_exists(dir / "l_particles.mrcs"));
+}
+
+TEST(ExtractFile, WholeBoxesOnlyFromBoxFile) {
+  ZkTmpDir dir;
+  const int nx = 20, ny = 12;
+  std::string mic = dir / "w.mrc", boxf = dir / "w_zavik.box";
+  write_short_micrograph(mic, nx, ny, 1);
+  write_text(boxf, box_line(1, 1, 4, 4) + box_line(16, 2, 4, 4) + box_line(15, 7, 4, 4));
+  std::vector<float> dst(3 * 16, -1.0f);
+  int n = 0;
+  std::string out =
+      captured_stdout([&] { n = mrcf_2d_read_ptcls_to_data_from_boxf(dst.data(), mic.c_str(), boxf.c_str()); });
+  EXPECT_EQ(n, 2);
+  EXPECT_EQ(out, "Warning: box (16 2 4 4)out of range, skip extracting this particle!\n");
+  EXPECT_EQ(dst[0], code(1, 1));
+  EXPECT_EQ(dst[16], -1.0f);
+  EXPECT_EQ(dst[32 + 15], code(18, 10));
+  std::string stack = dir / "w_stack.mrcs";
+  captured_stdout(
+      [&] { EXPECT_EQ(mrcf_2d_read_ptcls_to_mrcf_from_boxf(stack.c_str(), mic.c_str(), boxf.c_str()), 2); });
+  float* d = get_mrcf_data_all(stack.c_str());
+  MRC_HEAD* h = get_mrcf_head(stack.c_str());
+  EXPECT_EQ(h->nz, 2);
+  EXPECT_EQ(d[0], code(1, 1));
+  EXPECT_EQ(d[16], code(15, 7));
+  EXPECT_EQ(d[31], code(18, 10));
+  free(h);
+  free(d);
+}
