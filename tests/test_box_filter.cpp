@@ -373,3 +373,19 @@ TEST(BoxFilter, FailuresEndTheRunAndLeaveOldResultsInPlace) {
   // 1.5 gives a cell of exactly 1: a working grid.
   EXPECT_EQ(box_filter(100, 100, 1.5f, 0.1f, 1, 4, 4, make_i2(0, 0), raw.c_str(), "NULL", out.c_str(), 2), 0);
 }
+
+TEST(BoxFilter, HostileRawLinesNeverTakeACellWrongly) {
+  ZkTmpDir dir;
+  std::string raw = "30      30      10      10      0.500000\t0       \t0.000   \n";
+  // An overlong line counts once, by its first 1023 characters.
+  raw += "60 60 10 10 0.4 1 7" + std::string(1100, ' ') + "9 9 9 9 9 9 9\n";
+  raw += "a b c d e f g\n";                                                // all zero: score 0
+  raw += "99999999999 99999999999 2147483647 2147483647 1e30 5 1\n";       // far beyond the grid
+  raw += "-50 -50 10 10 0.9 0 0\n";                                        // negative centre
+  raw += "50 50 10 10 nan 0 0\n";                                          // no score
+  raw += std::string("\xff\xfe 1 2 3 4 5 6\n") + std::string("40 40\0 10 10 0.9 0 0\n", 21);
+  put_file(dir / "m_nonunique.box", raw);
+  box_filter(100, 100, 14.2f, 0.1f, 1.0f, 4, 4, make_i2(0, 0), (dir / "m_nonunique.box").c_str(), "NULL",
+             (dir / "m.box").c_str(), 2);
+  EXPECT_EQ(centres(zk_slurp(dir / "m.box")), (Centres{{35, 35}, {65, 65}}));
+}
