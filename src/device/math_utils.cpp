@@ -99,9 +99,13 @@ void zk_reduce_pass(L load, float* out, size_t n) {
   for (long long b = 0; b < nbl; ++b) {
     float slot[1024];
     const size_t base = (size_t)b << 10;
-    for (unsigned int t = 0; t < 1024u; ++t) {
-      size_t i = base + t;
-      slot[t] = i < n ? load((unsigned int)i) : 0.0f;
+    if (base + 1024 <= n) {
+      for (unsigned int t = 0; t < 1024u; ++t) slot[t] = load((unsigned int)(base + t));
+    } else {
+      for (unsigned int t = 0; t < 1024u; ++t) {
+        size_t i = base + t;
+        slot[t] = i < n ? load((unsigned int)i) : 0.0f;
+      }
     }
     for (unsigned int s = 1; s < 1024u; s <<= 1)
       for (unsigned int t = 0; t < 512u / s; ++t) cuda_reduce_step(slot, t, s);
