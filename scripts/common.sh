@@ -35,9 +35,9 @@ zavik_find_nvcc() {
   fi
 }
 
-# Configures and builds in $1 with the CUDA back end when nvcc is found, for
-# the architectures in $2; further arguments go to cmake.
-zavik_build() {
+# Configures $1 with the CUDA back end when nvcc is found, for the
+# architectures in $2; further arguments go to cmake.
+zavik_configure() {
   local dir="$1" archs="$2" nvcc
   shift 2
   nvcc="$(zavik_find_nvcc)"
@@ -49,5 +49,4 @@ zavik_build() {
     echo "No nvcc found: host back end only"
     cmake -S "$ZAVIK_ROOT" -B "$dir" -DZAVIK_CUDA=OFF "$@"
   fi
-  cmake --build "$dir" -j"$ZAVIK_JOBS"
 }

@@ -12,7 +12,8 @@ archs="${ZAVIK_CUDA_ARCHS:-}"
 if [ -z "$archs" ]; then
   if command -v nvidia-smi >/dev/null 2>&1 && nvidia-smi -L >/dev/null 2>&1; then archs=native; else archs=90; fi
 fi
-zavik_build build "$archs" -DZAVIK_TESTS=OFF -DZAVIK_BENCH=OFF
+zavik_configure build "$archs"
+cmake --build build -j"$ZAVIK_JOBS" --target zavik zavik_example_mic
 
 mkdir -p example
 ./build/zavik_example_mic example/example_mic.mrc 1024 1024 12 40

@@ -8,7 +8,8 @@ cd "$ZAVIK_ROOT"
 
 zavik_install_deps
 
-zavik_build build "${ZAVIK_CUDA_ARCHS:-90}" -DZAVIK_TESTS=ON -DZAVIK_BENCH=ON
+zavik_configure build "${ZAVIK_CUDA_ARCHS:-90}" -DZAVIK_TESTS=ON
+cmake --build build -j"$ZAVIK_JOBS"
 (cd build && ctest --output-on-failure -j"$ZAVIK_JOBS")
 
 cmake -S . -B build-asan -DZAVIK_CUDA=OFF -DZAVIK_TESTS=ON -DZAVIK_SANITIZE=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo

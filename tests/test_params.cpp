@@ -437,13 +437,12 @@ TEST(Params, GridCellFloorsAtTheSmallestMinDist) {
 }
 
 TEST(Params, NamesOfTenTwentyFourBytesOrMoreAreRefused) {
-  const std::string n1023(1019, 'a');  // + ".mrc" = 1023 bytes: fits
   {
-    Args a({"--excluded_suffix", std::string(1023, 's'), n1023 + ".mrc"});
+    Args a({"--excluded_suffix", std::string(1023, 's'), "--T", std::string(1023, 't'), "m.mrc"});
     Zavik_Para p;
     parse(a, &p);
     EXPECT_EQ(strlen(p.excluded_suffix), 1023u);
-    EXPECT_EQ(strlen(p.files[0]), 1023u);
+    EXPECT_EQ(strlen(p.T), 1023u);
     zavik_free_parameters(&p);
   }
   const std::string n1024(1024, 'b');
@@ -466,4 +465,36 @@ TEST(Params, NamesOfTenTwentyFourBytesOrMoreAreRefused) {
         parse_raw(a);
       },
       ::testing::ExitedWithCode(1), "a micrograph name is 1104 bytes long, the limit is 1023 bytes! Exit now!");
+}
+
+TEST(Params, OutputNamesMustFitTheirBuffers) {
+  {
+    // A stem of 1009 bytes + "_nonunique.box" = 1023 bytes: fits.
+    Args a({std::string(1009, 'd') + ".mrc"});
+    Zavik_Para p;
+    parse(a, &p);
+    EXPECT_EQ(p.n_files, 1);
+    zavik_free_parameters(&p);
+  }
+  Args a({"m.mrc", std::string(1010, 'd') + ".mrc"});
+  EXPECT_EXIT(
+      {
+        ZK_STDOUT_TO_STDERR();
+        parse_raw(a);
+      },
+      ::testing::ExitedWithCode(1),
+      "zavik_get_parameters\\(\\), file zavik_para.cpp on line [0-9]+: an output name of micrograph 2 would be "
+      "1024 bytes long, the limit is 1023 bytes! Exit now!");
+  // The exclusion suffix counts only when exclusion files are read.
+  Args b({"--excluded_suffix", std::string(100, 'x'), std::string(930, 'e') + ".mrc"});
+  Zavik_Para p;
+  parse(b, &p);
+  zavik_free_parameters(&p);
+  Args c({"--exclusive_picking", "--excluded_suffix", std::string(100, 'x'), std::string(930, 'e') + ".mrc"});
+  EXPECT_EXIT(
+      {
+        ZK_STDOUT_TO_STDERR();
+        parse_raw(c);
+      },
+      ::testing::ExitedWithCode(1), "an output name of micrograph 1 would be 1030 bytes long");
 }

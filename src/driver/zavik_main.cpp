@@ -192,8 +192,9 @@ int zavik_main(int argc, char** argv) {
   FILE* fp = nullptr;
   check_access_openf_1st(para.files, para.n_files, para.first_mic, fp);
   if (!fp) {
-    printf("None of the %d micrographs given exists and is readable.\n", para.n_files);
-    MAIN_FATAL("no usable micrograph");
+    char msg[128];
+    snprintf(msg, sizeof msg, "none of the %d micrographs given exists and is readable", para.n_files);
+    MAIN_FATAL(msg);
   }
 
   static ZkRun run;
@@ -204,9 +205,10 @@ int zavik_main(int argc, char** argv) {
   fclose(fp);
   zavik_run_set_geometry(&run);
   if (run.L < 2) {
-    printf("The micrograph %s of %d x %d pixels is smaller than 2 x %d pixels, the least that speed %d can shrink.\n",
-           para.first_mic, run.Nx, run.Ny, para.shrink, para.speed);
-    MAIN_FATAL("micrograph too small");
+    char msg[128];
+    snprintf(msg, sizeof msg, "micrographs of %d x %d pixels are too small for speed %d, at least %d pixels a side",
+             run.Nx, run.Ny, para.speed, 2 * para.shrink);
+    MAIN_FATAL(msg);
   }
 
   if (para.auto_T) para.ang_step = 360.0f;  // a generated template has one orientation

@@ -252,6 +252,17 @@ void zavik_get_parameters(int argc, char** argv, Zavik_Para* para) {
     if (strcmp(o.word, "speed") == 0) zavik_speed2shrink(para->speed, para->shrink);
   }
 
+  // Every output name of a micrograph must fit its buffer too; the longest
+  // suffixes are "_nonunique.box" and "_rejected.star", or the exclusion suffix.
+  size_t suffix = strlen("_nonunique.box");
+  if (para->exclusive_picking && strlen(para->excluded_suffix) > suffix) suffix = strlen(para->excluded_suffix);
+  for (int f = 0; f < para->n_files; ++f) {
+    size_t n = strlen(para->files[f]) - get_micrograph_suffixn(para->files[f]) + suffix;
+    if (n >= (size_t)ZK_TXT_LEN)
+      PARA_FATAL("an output name of micrograph %d would be %zu bytes long, the limit is %d bytes", f + 1, n,
+                 ZK_TXT_LEN - 1);
+  }
+
   // Values that would leave the search without end or divide by zero.
   if (!(para->ang_step > 0.0f)) PARA_FATAL("--ang_step must be greater than 0");
   if (!(para->diameter > 0.0f)) PARA_FATAL("--diameter must be greater than 0");
