@@ -1,1 +1,235 @@
-int zavik_main(int, char**) { return 0; }
+// The picker's run: parameters, the first usable micrograph and the geometry
+// it fixes, the run-long buffers, then the road of every micrograph through
+// READING, NORMALIZATION and PICKING, and the closing banner.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "device/cuda_general.h"
+#include "device/report.h"
+#include "driver/zavik_clock.h"
+#include "driver/zavik_help.h"
+#include "driver/zavik_para.h"
+#include "driver/zavik_run.h"
+#include "formats/boxfile.h"
+#include "formats/mrcfile.h"
+#include "formats/str_utils.h"
+#include "formats/txt_file.h"
+
+// The driver reports in the name of main, the program's one entry.
+#define MAIN_FATAL(msg) zk_fatal("main", zk_basename(__FILE__), __LINE__, (msg))
+#define MAIN_FOPEN_READ(name) zk_fopen_read((name), "r", "main", zk_basename(__FILE__), __LINE__)
+
+namespace {
+
+void* host_alloc(size_t bytes) {
+  void* p = malloc(bytes ? bytes : 1);
+  if (!p) MAIN_FATAL("host memory allocation failed");
+  return p;
+}
+
+void put_line(char c, int n, const char* end) {
+  for (int i = 0; i < n; ++i) putchar(c);
+  fputs(end, stdout);
+}
+
+// A micrograph that cannot be read as one ends the run before anything is
+// written for it; the vetting prints the reason.
+void vet_or_exit(const char* mic, FILE* fp, const MRC_HEAD* head) {
+  if (mrc_vet_micrograph(mic, fp, head) != 0) {
+    fflush(stdout);
+    exit(1);
+  }
+}
+
+// Step 9 of the start-up: every run-long buffer, once, for the first
+// micrograph's size.  G, Gx, Gy come after the L-sized buffers.
+void allocate_run_buffers(ZkRun* run) {
+  const size_t LL = (size_t)run->L * run->L;
+  const size_t TT = (size_t)run->Tx * run->Ty;
+  run->h_raw = (float*)host_alloc((size_t)run->Nx * run->Ny * sizeof(float));
+  run->h_shrunk = (float*)host_alloc(LL * sizeof(float));
+  run->h_T = (float*)host_alloc(TT * sizeof(float));
+  run->h_ccmax_stack = (float*)host_alloc((size_t)run->Nt * LL * sizeof(float));
+  run->d_T = d_alloc_float((size_t)run->Nt * TT);
+  run->d_mic = d_alloc_float(LL);
+  run->d_ccmax = d_alloc_float(LL);
+  run->d_psi = d_alloc_float(LL);
+  run->d_mask = d_alloc_float(LL);
+
+  zavik_run_set_grid(run);
+  const size_t GG = (size_t)run->Gx * run->Gy;
+  run->boxes_excluded = (PTCL_BOX*)host_alloc(GG * sizeof(PTCL_BOX));
+  run->grid_index = (unsigned int*)host_alloc(GG * sizeof(unsigned int));
+  run->grid_cc = (float*)host_alloc(GG * sizeof(float));
+  run->grid_psi = (float*)host_alloc(GG * sizeof(float));
+  run->d_ice = d_alloc_uint(GG);
+}
+
+void free_run_buffers(ZkRun* run) {
+  free(run->h_raw);
+  free(run->h_shrunk);
+  free(run->h_T_all);
+  free(run->h_T);
+  free(run->h_ccmax_stack);
+  free(run->boxes_excluded);
+  free(run->grid_index);
+  free(run->grid_cc);
+  free(run->grid_psi);
+  device_free(run->d_T);
+  device_free(run->d_mic);
+  device_free(run->d_ccmax);
+  device_free(run->d_psi);
+  device_free(run->d_mask);
+  device_free(run->d_ice);
+}
+
+// Step 2 of the road: all names of one micrograph, beside it.
+void set_output_names(ZkRun* run, const char* mic) {
+  const Zavik_Para* para = run->para;
+  set_outname_by_suffix(run->box_name, mic, "_zavik.box");
+  if (para->exclusive_picking)
+    set_outname_by_suffix(run->excluded_name, mic, para->excluded_suffix);
+  else
+    strlcpy(run->excluded_name, "NULL");
+  set_name_shrinked_box(run->nonunique_name, mic, para->shrink);
+  set_outname_by_suffix(run->star_name, mic, "_zavik.star");
+  set_outname_by_suffix(run->pref_name, mic, "_pref.mrc");
+  set_outname_by_suffix(run->mask_name, mic, "_mask.mrc");
+  set_outname_by_suffix(run->bgfree_name, mic, "_bgfree.mrc");
+  set_outname_by_suffix(run->ccmax_name, mic, "_ccmax.mrc");
+}
+
+// READING: names, the skip rule, head check, slice 0, exclusion file.
+// Returns false when the micrograph is skipped.
+bool read_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic) {
+  const Zavik_Para* para = run->para;
+  zk_clock_open(clock);
+  putchar('\n');
+  put_line('-', 129, "\n");
+  set_output_names(run, mic);
+
+  if (para->do_unfinished && (is_file_zavik_done(run->box_name) || is_file_zavik_done(run->star_name))) {
+    printf("Micrograph %s has already been processed. Automatically skipped.\n", mic);
+    zk_clock_close(clock, "READING", false);
+    return false;
+  }
+
+  // The raw candidate file opens here with "w+" and stays open through the
+  // template loop; it comes with the peak search:
+  //   run->fp_nonunique = zk_fopen_write(run->nonunique_name, "w+", "main", ...);
+  run->fp_nonunique = nullptr;
+
+  run->fp_mic = MAIN_FOPEN_READ(mic);
+  mrc_read_head(run->fp_mic, &run->head);
+  check_mrc_head_sizes_two(para->first_mic, mic, &run->head_first, &run->head);
+  vet_or_exit(mic, run->fp_mic, &run->head);
+  printf("Reading File %s ...\n", mic);
+  mrc_read_slice(run->fp_mic, &run->head, 0, 'z', run->h_raw);
+
+  run->n_excluded = 0;
+  if (!is_str_null(run->excluded_name) && check_file_access(run->excluded_name, "FR") == 0) {
+    run->n_excluded = read_all_ptcl_boxes(run->boxes_excluded, run->Gx * run->Gy, run->excluded_name);
+    printf("%8d particles in file %s excluded from auto-picking \n", run->n_excluded, run->excluded_name);
+  } else {
+    strlcpy(run->excluded_name, "NULL");
+  }
+  zk_clock_close(clock, "READING");
+  return true;
+}
+
+void pick_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic) {
+  const Zavik_Para* para = run->para;
+  zk_clock_open(clock);
+  printf("Normalizing the micrograph %s ...\n", mic);
+  zavik_stage_normalize(run);
+  zk_clock_close(clock, "NORMALIZATION");
+
+  zk_clock_open(clock);
+  for (int t = 0; t < run->Nt; ++t) {
+    printf("Template %03d\n", t + 1);
+    zavik_stage_search_template(run, t);
+  }
+  if (para->write_ccmax_mic) zavik_stage_write_ccmax(run);
+  fclose(run->fp_mic);
+  run->fp_mic = nullptr;
+  if (run->fp_nonunique) fclose(run->fp_nonunique);
+  run->fp_nonunique = nullptr;
+  zavik_stage_box_filter(run);
+  if (para->extract_raw) zavik_stage_extract(run, mic);
+  printf("File %s finished.\n", mic);
+  zk_clock_close(clock, "PICKING");
+}
+
+}  // namespace
+
+int zavik_main(int argc, char** argv) {
+  static ZkStageClock clock;
+  zk_clock_init(&clock);
+  zk_clock_open(&clock);  // TOTAL
+  zk_clock_open(&clock);  // PREPARATION
+
+  if (argc < 2) {
+    zavik_help(argv[0]);
+    return 0;
+  }
+  if (is_keywd_help(argv[1])) {
+    zavik_help_full(argv[0]);
+    return 0;
+  }
+
+  Zavik_Para para;
+  zavik_init_parameters(argc, &para);
+  zavik_get_parameters(argc, argv, &para);
+  zavik_fput_parameters(argc, argv, &para, stdout);
+  if (zk_backend_note()[0]) printf("%s\n", zk_backend_note());
+  ZK_CHECK(zk_set_device(para.gid));
+
+  // Entry 0 gets storage of its own: the first usable name is copied into it.
+  para.first_mic = (char*)host_alloc(ZK_TXT_LEN);
+  strlcpy(para.first_mic, para.files[0]);
+  para.files[0] = para.first_mic;
+  FILE* fp = nullptr;
+  check_access_openf_1st(para.files, para.n_files, para.first_mic, fp);
+  if (!fp) {
+    char msg[128];
+    snprintf(msg, sizeof msg, "none of the %d micrographs given exists and is readable", para.n_files);
+    MAIN_FATAL(msg);
+  }
+
+  static ZkRun run;
+  memset(&run, 0, sizeof run);
+  run.para = &para;
+  mrc_read_head(fp, &run.head_first);
+  vet_or_exit(para.first_mic, fp, &run.head_first);
+  fclose(fp);
+  zavik_run_set_geometry(&run);
+  if (run.L < 2) {
+    char msg[128];
+    snprintf(msg, sizeof msg, "micrographs of %d x %d pixels are too small for speed %d, at least %d pixels a side",
+             run.Nx, run.Ny, para.speed, 2 * para.shrink);
+    MAIN_FATAL(msg);
+  }
+
+  if (para.auto_T) para.ang_step = 360.0f;  // a generated template has one orientation
+  zavik_stage_load_templates(&run);
+  allocate_run_buffers(&run);
+  zavik_stage_upload_templates(&run);
+  zk_clock_close(&clock, "PREPARATION");
+
+  for (int i = 0; i < para.n_files; ++i) {
+    const char* mic = para.files[i];
+    if (!read_micrograph(&run, &clock, mic)) continue;
+    pick_micrograph(&run, &clock, mic);
+  }
+
+  free_run_buffers(&run);
+  put_line('#', 129, "\n");
+  printf("All %d files finished successfully:\n", para.n_files);
+  free(para.first_mic);
+  zavik_free_parameters(&para);
+  zk_clock_close(&clock, "TOTAL");
+  put_line('#', 129, "\n\n");
+  zavik_put_one_random_tip();
+  return 0;
+}

@@ -1,0 +1,360 @@
+// The picker as a program: its exits, messages and the order of its run, by
+// running the built binary on small micrographs.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "driver/zavik_clock.h"
+#include "driver/zavik_para.h"
+#include "driver/zavik_run.h"
+#include "formats/mrcfile.h"
+#include "test_util.h"
+
+namespace {
+
+int run_zavik(const std::string& args, std::string* out) { return zk_run(std::string(ZAVIK_BIN) + " " + args, out); }
+
+void write_mic(const std::string& name, int nx, int ny) {
+  std::vector<float> img((size_t)nx * ny);
+  for (size_t i = 0; i < img.size(); ++i) img[i] = (float)(i % 7) - 3.0f;
+  mrcf_write_xyz_data(name.c_str(), img.data(), nx, ny, 1);
+}
+
+void write_text(const std::string& name, const std::string& text) {
+  FILE* f = fopen(name.c_str(), "w");
+  fputs(text.c_str(), f);
+  fclose(f);
+}
+
+bool has(const std::string& s, const std::string& part) { return s.find(part) != std::string::npos; }
+
+size_t count(const std::string& s, const std::string& part) {
+  size_t n = 0;
+  for (size_t p = s.find(part); p != std::string::npos; p = s.find(part, p + 1)) ++n;
+  return n;
+}
+
+const std::string SEPARATOR = "\n" + std::string(129, '-') + "\n";
+const std::string HASHES = std::string(129, '#') + "\n";
+
+}  // namespace
+
+TEST(Cli, NoArgumentsPrintsUsage) {
+  std::string out;
+  EXPECT_EQ(run_zavik("", &out), 0);
+  EXPECT_TRUE(has(out, "Usage:\n"));
+  EXPECT_TRUE(has(out, "Print full help document\n"));
+  EXPECT_FALSE(has(out, "Tips"));
+  EXPECT_FALSE(has(out, "Waring"));
+}
+
+TEST(Cli, HelpWordOnlyHonouredFirst) {
+  std::string out;
+  EXPECT_EQ(run_zavik("--HELP m.mrc", &out), 0);
+  EXPECT_TRUE(has(out, "Usage:\n"));
+  EXPECT_TRUE(has(out, "\x1b[1mTips"));  // the full help adds the tips
+  EXPECT_EQ(run_zavik("-h", &out), 0);
+  EXPECT_TRUE(has(out, "\x1b[1mTips"));
+
+  EXPECT_EQ(run_zavik("m.mrc -h", &out), 0);
+  EXPECT_TRUE(has(out, "Failed to recognize option: \x1b[41m\x1b[1m\x1b[5m-h!\x1b[m"));
+  EXPECT_FALSE(has(out, "Usage:"));
+}
+
+TEST(Cli, UnrecognisedOptionListsTheValidWordsAndEndsWithZero) {
+  std::string out;
+  EXPECT_EQ(run_zavik("--apixM 1.0 --per_lp 20 m.mrc", &out), 0);
+  EXPECT_EQ(out.rfind("\x1b[41m\x1b[1m\x1b[5mCRITICAL ERROR:\x1b[min function zavik_get_parameters(), file "
+                      "zavik_para.cpp on line ",
+                      0),
+            0u);
+  EXPECT_TRUE(has(out, ". Failed to recognize option: \x1b[41m\x1b[1m\x1b[5m--per_lp!\x1b[m Exit now. Check your "
+                       "input please.\n\n" +
+                           std::string(130, '-') + "\nAll valid options:\n--apixM\t --T\t --diameter\t "));
+  EXPECT_TRUE(has(out, "--global_excluded_box\t --gid\t \n" + std::string(128, '-') + "\n"));
+  EXPECT_FALSE(has(out, "Usage:"));
+  EXPECT_FALSE(has(out, "User input parameters"));
+}
+
+TEST(Cli, ParameterFailuresEndWithStatusOne) {
+  struct Case {
+    std::string args;
+    std::string message;
+  };
+  const Case cases[] = {
+      {"--speed 9 m.mrc",
+       "Error in function zavik_speed2shrink(), file zavik_para.cpp on line "},
+      {"m.mrc --lp", "the option --lp at the end of the command line has no value! Exit now!\n"},
+      {"--apixM 0 m.mrc", "--apixM must be greater than 0! Exit now!\n"},
+      {"--diameter -3 m.mrc", "--diameter must be greater than 0! Exit now!\n"},
+      {"--ang_step 0 m.mrc", "--ang_step must be greater than 0! Exit now!\n"},
+      {"--min_dist 5 m.mrc", "gives a grid cell of less than one pixel at speed 2! Exit now!\n"},
+      {"--T " + std::string(1100, 't'), "the name given to --T is 1100 bytes long, the limit is 1023 bytes"},
+  };
+  for (const Case& c : cases) {
+    std::string out;
+    EXPECT_EQ(run_zavik(c.args, &out), 1) << c.args;
+    EXPECT_TRUE(has(out, c.message)) << c.args << "\n" << out;
+    EXPECT_FALSE(has(out, "User input parameters")) << c.args;  // the echo never comes
+  }
+  std::string out;
+  EXPECT_EQ(run_zavik("--speed 9 m.mrc", &out), 1);
+  EXPECT_TRUE(has(out, ": speed level must belong to {0,1,2,3,4}! Exit now!\n"));
+
+  // A micrograph name of 1100 bytes.
+  EXPECT_EQ(run_zavik(std::string(1096, 'n') + ".mrc", &out), 1);
+  EXPECT_TRUE(has(out, "a micrograph name is 1100 bytes long, the limit is 1023 bytes! Exit now!\n"));
+}
+
+TEST(Cli, NoFilesPrintsUsageAndTheReason) {
+  std::string out;
+  EXPECT_EQ(run_zavik("--apixM 1.0 --detect_ice 0", &out), 1);
+  size_t usage = out.find("Usage:");
+  size_t reason = out.find("Error in function zavik_help_exit(), file zavik_help.cpp on line ");
+  ASSERT_NE(usage, std::string::npos);
+  ASSERT_NE(reason, std::string::npos);
+  EXPECT_LT(usage, reason);
+  EXPECT_TRUE(has(out, ": No valid files to be processed.! Exit now!\n"));
+}
+
+TEST(Cli, NoUsableMicrographStopsWithOneLine) {
+  ZkTmpDir dir;
+  std::string out;
+  EXPECT_EQ(run_zavik("--apixM 1.0 " + dir / "a.mrc " + dir / "b.mrc", &out), 1);
+  EXPECT_EQ(count(out, "does NOT exsit! Automatically ignored!"), 2u);
+  EXPECT_TRUE(has(out, "Automatically ignored!\x1b[m\n\nError in function main(), file zavik_main.cpp on line "));
+  EXPECT_TRUE(has(out, ": none of the 2 micrographs given exists and is readable! Exit now!\n"));
+  EXPECT_FALSE(has(out, "PREPARATION"));
+}
+
+TEST(Cli, UnusableFirstMicrographEndsTheRunBeforeAnyOutput) {
+  ZkTmpDir dir;
+  // A head that promises more samples than the file holds.
+  std::string a = dir / "short.mrc";
+  write_mic(a, 64, 64);
+  ASSERT_EQ(truncate(a.c_str(), 1024 + 100), 0);
+  std::string out;
+  EXPECT_EQ(run_zavik("--apixM 1.0 --diameter 40 " + a, &out), 1);
+  EXPECT_TRUE(has(out, "Opening " + a + " for initial test and preperation .......\nMicrograph " + a +
+                           " is shorter than its head promises"))
+      << out;
+  EXPECT_FALSE(has(out, "PREPARATION"));
+
+  // A text file is no micrograph either.
+  std::string t = dir / "notes.mrc";
+  write_text(t, "not an image\n");
+  EXPECT_EQ(run_zavik("--apixM 1.0 --diameter 40 " + t, &out), 1);
+  EXPECT_TRUE(has(out, "Micrograph " + t + " is too short for an MRC file")) << out;
+
+  // Smaller than one even square of shrunk pixels.
+  std::string s = dir / "tiny.mrc";
+  write_mic(s, 6, 6);
+  EXPECT_EQ(run_zavik("--apixM 1.0 --diameter 40 --min_dist 8 " + s, &out), 1);
+  EXPECT_TRUE(has(out, "Opening " + s + " for initial test and preperation .......\nError in function main(), file "
+                       "zavik_main.cpp on line "));
+  EXPECT_TRUE(has(out, ": micrographs of 6 x 6 pixels are too small for speed 2, at least 8 pixels a side! Exit "
+                       "now!\n"))
+      << out;
+
+  // Nothing was written beside them.
+  std::string ls;
+  zk_run("ls " + dir.path, &ls);
+  EXPECT_EQ(ls, "notes.mrc\nshort.mrc\ntiny.mrc\n");
+}
+
+TEST(Cli, LaterMicrographOfAnotherSizeEndsTheRun) {
+  ZkTmpDir dir;
+  std::string a = dir / "a.mrc", b = dir / "b.mrc";
+  write_mic(a, 64, 64);
+  write_mic(b, 64, 48);
+  std::string out;
+  EXPECT_EQ(run_zavik("--apixM 1.0 --diameter 40 " + a + " " + b, &out), 1);
+  const std::string table = "Micrograph \x1b[1m" + a + "\x1b[m has a different size or format from  \x1b[1m" + b +
+                            "\x1b[m.\nCheck if all the micrographs are the same sizes and format? \n "
+                            "      Nx      Ny      Nz      Mode             File:\n"
+                            "      64      64      1       Float               " +
+                            a + "\n      64      48      1       Float               " + b + "\n";
+  EXPECT_TRUE(has(out, table)) << out;
+  EXPECT_EQ(count(out, "Reading File"), 1u);  // b's slice is never read
+  EXPECT_FALSE(has(out, "finished successfully"));
+  EXPECT_FALSE(has(out, "\n" + std::string(127, '-') + "\n"));  // a failed run prints no tip
+}
+
+TEST(Cli, MissingLaterMicrographEndsTheRun) {
+  ZkTmpDir dir;
+  std::string a = dir / "a.mrc";
+  write_mic(a, 64, 64);
+  std::string out;
+  EXPECT_EQ(run_zavik("--apixM 1.0 --diameter 40 " + a + " " + dir / "gone.mrc", &out), 1);
+  EXPECT_TRUE(has(out, "File " + a + " finished.\n"));
+  EXPECT_TRUE(has(out, "Cannot open file " + dir / "gone.mrc" +
+                           ". Permission denied or wrong file name.\nError in function main(), file zavik_main.cpp on "
+                           "line "));
+  EXPECT_TRUE(has(out, ": open file failed.! Exit now!\n"));
+}
+
+TEST(Cli, RunOrderFromEchoToClosingBanner) {
+  ZkTmpDir dir;
+  std::string a = dir / "a.mrc", b = dir / "b.mrcs";
+  write_mic(a, 100, 80);
+  write_mic(b, 100, 80);
+  std::string out;
+  ASSERT_EQ(run_zavik("--apixM 2.0 --diameter 40 --T none --apixT 2 " + a + " " + b, &out), 0) << out;
+
+  // The file list closes the echo; the back-end line, when there is one, comes next.
+  const std::string files = "All 2 files to be used:\n        " + a + "\n        " + b + "\n";
+  size_t at = out.find(files);
+  ASSERT_NE(at, std::string::npos) << out;
+  at += files.size();
+  if (out.compare(at, 3, "No ") == 0) {
+    size_t eol = out.find('\n', at);
+    EXPECT_TRUE(out.substr(at, eol - at).find("back end stands in as GPU device 0.") != std::string::npos);
+    at = eol + 1;
+  }
+  const std::string opening = "Opening " + a + " for initial test and preperation .......\n";
+  ASSERT_EQ(out.compare(at, opening.size(), opening), 0) << out.substr(at);
+
+  // Then, in order: preparation, the road of each micrograph, the banner.
+  std::vector<std::string> order = {">>>>>>TIME<<<<<<                     PREPARATION: "};
+  for (const std::string& m : {a, b}) {
+    order.push_back(SEPARATOR + "Reading File " + m + " ...\n");
+    order.push_back(">>>>>>TIME<<<<<<                         READING: ");
+    order.push_back("Normalizing the micrograph " + m + " ...\n");
+    order.push_back(">>>>>>TIME<<<<<<                   NORMALIZATION: ");
+    order.push_back("File " + m + " finished.\n");
+    order.push_back(">>>>>>TIME<<<<<<                         PICKING: ");
+  }
+  order.push_back(HASHES + "All 2 files finished successfully:\n>>>>>>TIME<<<<<<                           TOTAL: ");
+  order.push_back("s\n" + HASHES + "\n" + std::string(127, '-') + "\n");
+  for (const std::string& piece : order) {
+    size_t p = out.find(piece, at);
+    ASSERT_NE(p, std::string::npos) << "missing after " << at << ": " << piece << "\n" << out;
+    at = p + piece.size();
+  }
+  EXPECT_EQ(out.substr(out.size() - 128), std::string(127, '-') + "\n");
+
+  // No result exists until picking does: nothing is written beside the micrographs.
+  std::string ls;
+  zk_run("ls " + dir.path, &ls);
+  EXPECT_EQ(ls, "a.mrc\nb.mrcs\n");
+}
+
+TEST(Cli, FirstNameUnusableSecondStandsInEntryZero) {
+  ZkTmpDir dir;
+  std::string a = dir / "a.mrc", b = dir / "b.mrc";
+  write_mic(b, 64, 64);
+  std::string out;
+  ASSERT_EQ(run_zavik("--apixM 1.0 --diameter 40 " + a + " " + b, &out), 0) << out;
+  EXPECT_TRUE(has(out, "the micrograph " + a + " does NOT exsit! Automatically ignored!"));
+  EXPECT_EQ(count(out, "Reading File " + b + " ...\n"), 2u);  // entry 0 and entry 1
+  EXPECT_FALSE(has(out, "Reading File " + a));
+  EXPECT_TRUE(has(out, "All 2 files finished successfully:\n"));
+}
+
+TEST(Cli, DoUnfinishedSkipsAMicrographWithAFinishedResult) {
+  ZkTmpDir dir;
+  std::string a = dir / "a.mrc", b = dir / "b.mrc";
+  write_mic(a, 64, 64);
+  write_mic(b, 64, 64);
+  write_text(dir / "a_zavik.star", "");  // any file, even empty, under --write_star 0
+  std::string out;
+  ASSERT_EQ(run_zavik("--apixM 1.0 --diameter 40 --do_unfinished --write_star 0 " + a + " " + b, &out), 0) << out;
+  EXPECT_TRUE(has(out, SEPARATOR + "Micrograph " + a + " has already been processed. Automatically skipped.\n" +
+                           SEPARATOR + "Reading File " + b + " ...\n"))
+      << out;
+  EXPECT_EQ(count(out, "READING: "), 1u);  // the skip prints no stage line
+  EXPECT_EQ(count(out, "PICKING: "), 1u);
+  EXPECT_TRUE(has(out, "All 2 files finished successfully:\n"));
+
+  // Without the option the micrograph is read again.
+  ASSERT_EQ(run_zavik("--apixM 1.0 --diameter 40 " + a, &out), 0);
+  EXPECT_FALSE(has(out, "already been processed"));
+  EXPECT_TRUE(has(out, "Reading File " + a));
+}
+
+TEST(Cli, ExclusionFilesAreReadOrWarnedAbout) {
+  ZkTmpDir dir;
+  std::string a = dir / "a.mrc", b = dir / "b.mrc";
+  write_mic(a, 64, 64);
+  write_mic(b, 64, 64);
+  write_text(dir / "a_bad.box", "10 10 20 20\n30 30 20 20\n5 40 20 20\n");
+  std::string out;
+  ASSERT_EQ(run_zavik("--apixM 1.0 --diameter 40 --exclusive_picking --excluded_suffix _bad.box " + a + " " + b, &out),
+            0)
+      << out;
+  EXPECT_TRUE(has(out, "Reading File " + a + " ...\n       3 particles in file " + dir / "a_bad.box" +
+                           " excluded from auto-picking \n>>>>>>TIME<<<<<<"))
+      << out;
+  EXPECT_TRUE(has(out, "\x1b[43m\x1b[1m\x1b[5mWarning in function check_file_access(), file txt_file.cpp on line "));
+  EXPECT_TRUE(has(out, ": the file " + dir / "b_bad.box" + " does NOT exist! Automatically ignored!\x1b[m\n\n"));
+  EXPECT_TRUE(has(out, "File " + b + " finished.\n"));
+
+  // Without --exclusive_picking the suffix alone reads nothing.
+  ASSERT_EQ(run_zavik("--apixM 1.0 --diameter 40 --excluded_suffix _bad.box " + a, &out), 0);
+  EXPECT_FALSE(has(out, "excluded from auto-picking"));
+}
+
+TEST(Cli, SwitchBeforeADigitNameSwallowsIt) {
+  ZkTmpDir dir;
+  std::string a = dir / "a.mrc";
+  write_mic(a, 64, 64);
+  std::string out;
+  // The path begins with '/', so it becomes the switch's value: no file is left.
+  EXPECT_EQ(run_zavik("--apixM 1.0 --diameter 40 --write_star " + a, &out), 1);
+  EXPECT_TRUE(has(out, "No valid files to be processed."));
+}
+
+TEST(Geometry, RectangularMicrographAtTheDefaults) {
+  // 3710 x 3838 at speed 2: L from the longer side, true shape kept apart.
+  Zavik_Para para;
+  zavik_init_parameters(1, &para);
+  ZkRun run;
+  memset(&run, 0, sizeof run);
+  run.para = &para;
+  run.head_first.nx = 3710;
+  run.head_first.ny = 3838;
+  zavik_run_set_geometry(&run);
+  EXPECT_EQ(run.Nx, 3710);
+  EXPECT_EQ(run.Ny, 3838);
+  EXPECT_EQ(run.L, 958);  // 2 * (3838 / 8)
+  EXPECT_EQ(run.Nsx, 927);
+  EXPECT_EQ(run.Nsy, 959);
+  EXPECT_EQ(run.origin.x, 0);
+  EXPECT_EQ(run.origin.y, 0);
+  zavik_run_set_grid(&run);
+  EXPECT_EQ(run.G, 42);
+  EXPECT_EQ(run.Gx, 23);  // ceil(958 / 42)
+  EXPECT_EQ(run.Gy, 23);
+
+  // Sizes that are no multiple of 2 * shrink lose their remainder.
+  para.shrink = 6;
+  run.head_first.nx = 1000;
+  run.head_first.ny = 611;
+  zavik_run_set_geometry(&run);
+  EXPECT_EQ(run.L, 166);  // 2 * (1000 / 12)
+  EXPECT_EQ(run.Nsx, 166);
+  EXPECT_EQ(run.Nsy, 101);
+  para.min_dist = 100.0f;  // 141.42 / (2 * 8.04) = 8.79
+  zavik_run_set_grid(&run);
+  EXPECT_EQ(run.G, 8);
+  EXPECT_EQ(run.Gx, 21);  // ceil(166 / 8)
+  zavik_free_parameters(&para);
+}
+
+TEST(Geometry, StageClockLines) {
+  ZkStageClock clock;
+  zk_clock_init(&clock);
+  zk_clock_open(&clock);
+  zk_clock_open(&clock);
+  EXPECT_EQ(clock.depth, 2);
+  testing::internal::CaptureStdout();
+  double s = zk_clock_close(&clock, "READING");
+  zk_clock_close(&clock, "SKIPPED", false);
+  std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(clock.depth, 0);
+  EXPECT_GE(s, 0.0);
+  ASSERT_EQ(out.rfind(">>>>>>TIME<<<<<<                         READING: 0.0", 0), 0u) << out;
+  EXPECT_EQ(out.substr(out.size() - 2), "s\n");
+  EXPECT_EQ(count(out, "\n"), 1u);
+}

@@ -1,0 +1,167 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "driver/zavik_help.h"
+#include "test_util.h"
+
+namespace {
+
+std::vector<std::string> lines_of(const std::string& s) {
+  std::vector<std::string> out;
+  std::stringstream ss(s);
+  std::string l;
+  while (std::getline(ss, l)) out.push_back(l);
+  return out;
+}
+
+std::string help_text() {
+  testing::internal::CaptureStdout();
+  zavik_help("prog");
+  return testing::internal::GetCapturedStdout();
+}
+
+const std::string STARS(99, '*');
+
+}  // namespace
+
+TEST(Help, BannerAndUsageHead) {
+  std::vector<std::string> l = lines_of(help_text());
+  ASSERT_GT(l.size(), 12u);
+  EXPECT_EQ(l[0], STARS);
+  EXPECT_EQ(l[1], "Version:       prog v0.56, updated on 2017-07-30");
+  EXPECT_EQ(l[2].rfind("Author:        ", 0), 0u);
+  EXPECT_EQ(l[3].rfind("Contact:       ", 0), 0u);
+  EXPECT_EQ(l[4], "Description:   This is a GPU accelerated program for fully automatic particle picking.");
+  EXPECT_EQ(l[5], "Note:          Still under development, to be released soon ...");
+  EXPECT_EQ(l[6], STARS);
+  EXPECT_EQ(l[7], "Usage:");
+  EXPECT_EQ(l[8], "         prog [options] <micrographs>  ");
+  EXPECT_EQ(l[9], "");
+  EXPECT_EQ(l[10], "Options:");
+  EXPECT_EQ(l[11], "Basic options:    default values,    description:  ");
+  EXPECT_EQ(l.back(), "      --help                         Print full help document");
+}
+
+// Six blanks, the option, the default from column 23 (none for a switch), the
+// description from column 37; at least one blank where an option runs long.
+static std::string row_head(const std::string& opt, const std::string& def) {
+  std::string r = "      " + opt;
+  if (!def.empty()) r += std::string(r.size() < 23 ? 23 - r.size() : 1, ' ') + def;
+  return r + std::string(r.size() < 37 ? 37 - r.size() : 1, ' ');
+}
+
+TEST(Help, OptionRowsInTheirGroupsAndColumns) {
+  std::vector<std::string> l = lines_of(help_text());
+  using Rows = std::vector<std::pair<std::string, std::string>>;
+  const std::vector<std::pair<std::string, Rows>> groups = {
+      {"Basic options:    default values,    description:  ",
+       {{"--apixM", "1.34"}, {"--diameter", "400"}, {"--T", "NULL"}, {"--apixT", "1.34"}}},
+      {"Additional options(not suggested, only try to optimize in difficult cases), default values and "
+       "description:  ",
+       {{"--ang_step", "5"}, {"--speed", "2"}, {"--boxsize", "128"}, {"--min_dist", "300"},
+        {"--cc_cutoff", "0.1"}, {"--lsigma_D", "200"}, {"--lsigma_cutoff", "1.3"}, {"--lave_D", "400"},
+        {"--lave_max", "2.0"}, {"--lave_min", "-1.0"}, {"--lp", "30"}, {"--hp", "1000"},
+        {"--do_pre_filter", ""}, {"--pre_lp", "8"}, {"--pre_hp", "1000"}, {"--detect_ice", ""},
+        {"--T_norm_type", "1"}, {"--do_bandpass", ""}}},
+      {"CTF options(not effective in this verion): ",
+       {{"--do_ctf", ""}, {"--do_local_ctf", ""}, {"--kV", "300"}, {"--cs", "2.7"}, {"--ac", "0.1"}}},
+      {"I/O options:  ",
+       {{"--write_ccmax_mic", ""}, {"--write_pf_mic", ""}, {"--write_pref_mic", ""}, {"--write_bg_mic", ""},
+        {"--write_bgfree_mic", ""}, {"--write_lsigma_mic", ""}, {"--write_mic_mask", ""},
+        {"--exclusive_picking", ""}, {"--excluded_suffix", "NULL"}, {"--mask_excluded", ""},
+        {"--global_excluded_box", "NULL"}, {"--do_unfinished", ""}, {"--dont_invertT", ""},
+        {"--extract_raw", ""}, {"--extract_pf", ""}, {"--gid", "0"}}}};
+  size_t at = 0;
+  for (const auto& g : groups) {
+    while (at < l.size() && l[at] != g.first) ++at;
+    ASSERT_LT(at, l.size()) << g.first;
+    for (const auto& r : g.second) {
+      const std::string& row = l[++at];
+      std::string head = row_head(r.first, r.second);
+      EXPECT_EQ(row.substr(0, head.size()), head) << row;
+      ASSERT_GT(row.size(), head.size()) << row;
+      EXPECT_NE(row[head.size()], ' ') << row;  // the description follows at once
+    }
+  }
+  // Advice that the descriptions carry.
+  std::string all = help_text();
+  EXPECT_NE(all.find("VERY IMPORTANT!!!"), std::string::npos);
+  EXPECT_NE(all.find("0.9 to 1.1"), std::string::npos);
+  EXPECT_NE(all.find("'_rubbish.box' and 'mic0002.mrc' give 'mic0002_rubbish.box'"), std::string::npos);
+  EXPECT_NE(all.find("-10.0"), std::string::npos);
+  // Five example lines, each showing the program, before the last line.
+  std::vector<std::string> ll = lines_of(all);
+  ASSERT_GT(ll.size(), 6u);
+  for (size_t i = ll.size() - 6; i + 1 < ll.size(); ++i)
+    EXPECT_NE(ll[i].find("prog --apixM"), std::string::npos) << ll[i];
+}
+
+TEST(Help, ValidOptionsList) {
+  EXPECT_EQ(ZAVIK_N_OPTIONS, 38);
+  testing::internal::CaptureStdout();
+  zavik_print_valid_options();
+  std::string out = testing::internal::GetCapturedStdout();
+  const std::string expected =
+      std::string(130, '-') + "\nAll valid options:\n" +
+      "--apixM\t --T\t --diameter\t --ang_step\t --speed\t --boxsize\t --min_dist\t --cc_cutoff\t "
+      "--lsigma_cutoff\t --lave_max\t --lave_min\t --lcutoff_D\t --lp\t --hp\t --dont_invertT\t --per_lp\t "
+      "--pre_hp\t --do_pre_filter\t --do_ctf\t --do_local_ctf\t --kv\t --cs\t --ac\t --write_ccmax_mic\t "
+      "--write_pf_mic\t --write_bg_mic\t --write_bgfree_mic\t --write_lsigma_mic\t --write_mic_mask\t "
+      "--extract_raw\t --extract_pf\t --write_rejected_box\t --write_star\t --exclusive_picking\t "
+      "--excluded_suffix\t --mask_excluded\t --global_excluded_box\t --gid\t \n" +
+      std::string(128, '-') + "\n";
+  EXPECT_EQ(out, expected);
+}
+
+TEST(Help, TipsTable) {
+  ASSERT_EQ(ZAVIK_N_TIPS, 9);
+  for (int i = 0; i < 7; ++i)
+    EXPECT_EQ(std::string(ZAVIK_ALL_TIPS[i]).rfind("\x1b[1mTips", 0), 0u) << i;
+  EXPECT_NE(std::string(ZAVIK_ALL_TIPS[7]).find("README.md"), std::string::npos);
+  EXPECT_NE(std::string(ZAVIK_ALL_TIPS[7]).rfind("\x1b[1m", 0), 0u);
+  EXPECT_STREQ(ZAVIK_ALL_TIPS[8], "");
+  EXPECT_NE(std::string(ZAVIK_ALL_TIPS[2]).find("--dont_invertT"), std::string::npos);
+  EXPECT_NE(std::string(ZAVIK_ALL_TIPS[6]).find("--global_excluded_box"), std::string::npos);
+
+  testing::internal::CaptureStdout();
+  zavik_put_all_tips();
+  std::string all = testing::internal::GetCapturedStdout();
+  std::string expected = std::string(127, '-') + "\n";
+  for (int i = 0; i < 9; ++i) expected += std::string(ZAVIK_ALL_TIPS[i]) + "\n";
+  expected += std::string(127, '-') + "\n";
+  EXPECT_EQ(all, expected);
+
+  testing::internal::CaptureStdout();
+  zavik_put_one_random_tip();
+  std::string one = testing::internal::GetCapturedStdout();
+  const std::string dash = std::string(127, '-') + "\n";
+  ASSERT_EQ(one.rfind(dash, 0), 0u);
+  ASSERT_EQ(one.substr(one.size() - dash.size()), dash);
+  std::string mid = one.substr(dash.size(), one.size() - 2 * dash.size());
+  bool known = false;
+  for (int i = 0; i < 9; ++i) known = known || mid == ZAVIK_ALL_TIPS[i];
+  EXPECT_TRUE(known) << mid;
+}
+
+TEST(Help, FullHelpAddsTheTips) {
+  testing::internal::CaptureStdout();
+  zavik_help_full("prog");
+  std::string full = testing::internal::GetCapturedStdout();
+  std::string usage = help_text();
+  ASSERT_EQ(full.rfind(usage, 0), 0u);
+  EXPECT_NE(full.find(ZAVIK_ALL_TIPS[3], usage.size()), std::string::npos);
+}
+
+TEST(Help, HelpExitPrintsUsageThenTheReason) {
+  EXPECT_EXIT(
+      {
+        ZK_STDOUT_TO_STDERR();
+        zavik_help_exit("prog", "No valid files to be processed.");
+      },
+      ::testing::ExitedWithCode(1),
+      "Usage:(.|\n)*Print full help document\nError in function zavik_help_exit\\(\\), file zavik_help.cpp on "
+      "line [0-9]+: No valid files to be processed.! Exit now!\n$");
+}
