@@ -1,0 +1,846 @@
+// Array arithmetic: the pairwise device tree and the statistics on it, the
+// normalisations, the element-wise kernels, the host family, extremes and
+// peaks, and the scalar helpers.
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "backend_fixture.h"
+#include "device/cuda_general.h"
+#include "device/math_utils.h"
+#include "test_util.h"
+
+namespace {
+
+// The tree written out plainly: blocks of 1024 filled up with zeros, adjacent
+// pairs added first (stride 1, 2, 4, ...), the block results summed again in
+// the same way until one is left.
+std::vector<float> ref_tree_pass(const std::vector<float>& v) {
+  std::vector<float> out;
+  for (size_t base = 0; base < v.size(); base += 1024) {
+    float buf[1024];
+    for (size_t t = 0; t < 1024; ++t) buf[t] = base + t < v.size() ? v[base + t] : 0.0f;
+    for (size_t s = 1; s < 1024; s *= 2)
+      for (size_t k = 0; k < 1024; k += 2 * s) buf[k] = buf[k] + buf[k + s];
+    out.push_back(buf[0]);
+  }
+  return out;
+}
+float ref_tree_sum(std::vector<float> v, int* passes = nullptr) {
+  int p = 0;
+  do {
+    v = ref_tree_pass(v);
+    ++p;
+  } while (v.size() > 1);
+  if (passes) *passes = p;
+  return v[0];
+}
+float seq_sum(const std::vector<float>& v) {
+  float s = 0.0f;
+  for (float x : v) s += x;
+  return s;
+}
+
+// Values whose float sum depends on the order: a wide spread of magnitudes.
+std::vector<float> spread_values(size_t n, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> u(0.0f, 1.0f);
+  std::vector<float> v(n);
+  for (size_t i = 0; i < n; ++i) v[i] = (u(rng) - 0.3f) * std::exp2(u(rng) * 12.0f);
+  return v;
+}
+
+std::vector<float> random_values(size_t n, unsigned seed, float offset, float scale) {
+  std::mt19937 rng(seed);
+  std::normal_distribution<float> g(0.0f, 1.0f);
+  std::vector<float> v(n);
+  for (size_t i = 0; i < n; ++i) v[i] = offset + scale * g(rng);
+  return v;
+}
+
+// A device copy of a host vector, freed with the object.
+struct DevArray {
+  float* p = nullptr;
+  size_t n = 0;
+  explicit DevArray(const std::vector<float>& h) : n(h.size()) {
+    p = d_alloc_float(n);
+    EXPECT_EQ(memcpy_H2D(p, h.data(), n * sizeof(float)), 0);
+  }
+  explicit DevArray(size_t count) : n(count) { p = d_alloc_float(n); }
+  ~DevArray() { device_free(p); }
+  std::vector<float> get() const {
+    std::vector<float> h(n);
+    EXPECT_EQ(memcpy_D2H(h.data(), p, n * sizeof(float)), 0);
+    return h;
+  }
+  DevArray(const DevArray&) = delete;
+  DevArray& operator=(const DevArray&) = delete;
+};
+
+bool same_bits(float a, float b) { return memcmp(&a, &b, sizeof a) == 0; }
+
+void mean_sd(const std::vector<float>& v, double& mean, double& sd) {
+  double s = 0.0;
+  for (float x : v) s += x;
+  mean = s / v.size();
+  double q = 0.0;
+  for (float x : v) q += (x - mean) * (x - mean);
+  sd = std::sqrt(q / v.size());
+}
+
+}  // namespace
+
+// ===========================================================================
+// The device tree
+
+class DeviceReduce : public BackendTest {};
+
+TEST_P(DeviceReduce, SumFollowsThePairwiseTree) {
+  for (size_t n : {size_t(1), size_t(1024), size_t(1025), size_t(1048576), size_t(1048577)}) {
+    std::vector<float> v = spread_values(n, (unsigned)n);
+    int passes = 0;
+    float want = ref_tree_sum(v, &passes);
+    if (n >= 1024) {
+      EXPECT_NE(want, seq_sum(v)) << "test data should tell the two orders apart, n = " << n;
+    }
+    EXPECT_EQ(passes, n == 1048577 ? 3 : n > 1024 ? 2 : 1);
+    DevArray d(v);
+    float got = hcuda_fast_sum(d.p, n);
+    EXPECT_TRUE(same_bits(got, want)) << "n = " << n << ": " << got << " vs " << want;
+    EXPECT_EQ(d.get(), v) << "hcuda_fast_sum must keep its input, n = " << n;
+    float got_inplace = hcuda_fast_sum_inplace(d.p, n);
+    EXPECT_TRUE(same_bits(got_inplace, want)) << "n = " << n;
+    std::vector<float> after = d.get();
+    EXPECT_EQ(after[0], want) << "the in-place form leaves the sum in a[0]";
+    if (n > 1) {
+      EXPECT_NE(after, v) << "the in-place form destroys its input, n = " << n;
+    }
+  }
+}
+
+TEST_P(DeviceReduce, ZerosPastTheEndChangeNothing) {
+  std::vector<float> v = spread_values(1025, 5);
+  std::vector<float> padded = v;
+  padded.resize(4096, 0.0f);
+  DevArray a(v), b(padded);
+  EXPECT_TRUE(same_bits(hcuda_fast_sum(a.p, v.size()), hcuda_fast_sum(b.p, padded.size())));
+}
+
+TEST_P(DeviceReduce, OnePassGivesBlockSums) {
+  std::vector<float> v = spread_values(3000, 8);
+  std::vector<float> want = ref_tree_pass(v);
+  DevArray a(v), out(want.size());
+  hcuda_reduce_data_for_sum(a.p, out.p, v.size());
+  EXPECT_EQ(out.get(), want);
+  hcuda_reduce_data_for_sum_inplace(a.p, v.size());
+  std::vector<float> got = a.get();
+  for (size_t b = 0; b < want.size(); ++b) EXPECT_EQ(got[b], want[b]);
+  for (size_t i = want.size(); i < v.size(); ++i) ASSERT_EQ(got[i], v[i]);
+}
+
+TEST_P(DeviceReduce, RepeatedRunsGiveTheSameBits) {
+  std::vector<float> v = spread_values(3 << 20, 17);
+  DevArray a(v);
+  float first = hcuda_fast_sum(a.p, v.size());
+  for (int k = 0; k < 3; ++k) EXPECT_TRUE(same_bits(hcuda_fast_sum(a.p, v.size()), first));
+  EXPECT_TRUE(same_bits(first, ref_tree_sum(v)));
+}
+
+TEST_P(DeviceReduce, StatisticsOnTheTree) {
+  const size_t n = 70000;
+  std::vector<float> a = spread_values(n, 21), m(n);
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<float> u(0.0f, 1.0f);
+  for (auto& x : m) x = u(rng) < 0.3f ? 0.0f : u(rng);  // soft weights and zeros
+  DevArray da(a), dm(m);
+  auto mapped = [&](auto f) {
+    std::vector<float> r(n);
+    for (size_t i = 0; i < n; ++i) r[i] = f(i);
+    return r;
+  };
+  float sum = ref_tree_sum(a), msum = ref_tree_sum(m);
+  float mean = sum / (float)n;
+  EXPECT_TRUE(same_bits(hcuda_fast_mean(da.p, n), mean));
+  EXPECT_TRUE(same_bits(hcuda_fast_sumsqr(da.p, n), ref_tree_sum(mapped([&](size_t i) { return a[i] * a[i]; }))));
+  float swm = ref_tree_sum(mapped([&](size_t i) { return a[i] * m[i]; }));
+  EXPECT_TRUE(same_bits(hcuda_fast_sum_withmask(da.p, dm.p, n), swm));
+  float mwm = swm / msum;
+  EXPECT_TRUE(same_bits(hcuda_mean_withmask(da.p, dm.p, n), mwm));
+  EXPECT_TRUE(same_bits(hcuda_fast_sumsqr_withmask(da.p, dm.p, n),
+                        ref_tree_sum(mapped([&](size_t i) { return (a[i] * a[i]) * m[i]; }))));
+  float ssd = ref_tree_sum(mapped([&](size_t i) {
+    float d = a[i] - mean;
+    return d * d;
+  }));
+  EXPECT_TRUE(same_bits(hcuda_fast_submean_sumsqr(da.p, n), ssd));
+  EXPECT_TRUE(same_bits(hcuda_variance(da.p, n), ssd / (float)n));
+  EXPECT_TRUE(same_bits(hcuda_stdv(da.p, n), sqrtf(ssd / (float)n)));
+  float sswm = ref_tree_sum(mapped([&](size_t i) {
+    float d = a[i] - mwm;
+    return m[i] * (d * d);
+  }));
+  EXPECT_TRUE(same_bits(hcuda_fast_submean_sumsqr_withmask(da.p, dm.p, n), sswm));
+  EXPECT_TRUE(same_bits(hcuda_stdv_withmask(da.p, dm.p, n), sqrtf(sswm / msum)));
+  EXPECT_EQ(da.get(), a);
+  EXPECT_EQ(dm.get(), m);
+
+  // The in-place sum of squares squares its input.
+  float want_sq = hcuda_fast_sumsqr(da.p, n);
+  EXPECT_TRUE(same_bits(hcuda_fast_sumsqr_inplace(da.p, n), want_sq));
+  EXPECT_NE(da.get(), a);
+
+  // The double-precision value is close: the tree is a sum, not something else.
+  double exact = 0.0;
+  for (float x : a) exact += x;
+  EXPECT_NEAR(sum, exact, std::fabs(exact) * 1e-5 + 1e-2);
+}
+
+TEST_P(DeviceReduce, Sum6IsASumInAnotherOrder) {
+  for (size_t n : {size_t(1), size_t(2048), size_t(5000), size_t(5000000)}) {
+    std::vector<float> v = random_values(n, 4, 1.0f, 1.0f);
+    double exact = 0.0;
+    for (float x : v) exact += x;
+    DevArray d(v);
+    float s6 = hcuda_fast_sum6(d.p, n);
+    EXPECT_NEAR(s6, exact, std::fabs(exact) * 1e-5 + 1e-4) << n;
+    EXPECT_EQ(d.get(), v);
+    EXPECT_TRUE(same_bits(hcuda_fast_sum6_inplace(d.p, n), s6));
+    EXPECT_EQ(d.get()[0], s6);
+  }
+}
+
+// ===========================================================================
+// Normalisations
+
+class DeviceNormalise : public BackendTest {};
+
+TEST_P(DeviceNormalise, NormzGivesMeanZeroAndDeviationOne) {
+  const size_t n = 300001;
+  for (auto os : {std::pair<float, float>(0.0f, 1.0f), {1000.0f, 0.01f}, {-5e3f, 250.0f}, {3.0f, 1e-5f}}) {
+    std::vector<float> v = random_values(n, 11, os.first, os.second);
+    DevArray d(v);
+    hcuda_normz_inplace(d.p, n, 1.0f, 0.0f);
+    double mean, sd;
+    mean_sd(d.get(), mean, sd);
+    EXPECT_NEAR(mean, 0.0, 1e-3) << os.first << " " << os.second;
+    EXPECT_NEAR(sd, 1.0, 1e-3) << os.first << " " << os.second;
+  }
+}
+
+TEST_P(DeviceNormalise, NormzStepsInTheirOrder) {
+  // mean, subtraction, the sum of squares of the subtracted array, one fused
+  // multiply-add with sigma/s and the target mean.
+  const size_t n = 5000;
+  std::vector<float> v = random_values(n, 12, 7.0f, 3.0f);
+  float mu = ref_tree_sum(v) / (float)n;
+  std::vector<float> sub(n), sq(n);
+  for (size_t i = 0; i < n; ++i) {
+    sub[i] = v[i] - mu;
+    sq[i] = sub[i] * sub[i];
+  }
+  float s = sqrtf(ref_tree_sum(sq) / (float)n);
+  const float sigma = 2.5f, target = -4.0f;
+  DevArray d(v);
+  hcuda_normz_inplace(d.p, n, sigma, target);
+  std::vector<float> got = d.get();
+  for (size_t i = 0; i < n; ++i) ASSERT_TRUE(same_bits(got[i], fmaf(sub[i], sigma / s, target))) << i;
+}
+
+TEST_P(DeviceNormalise, ConstantArrayGivesNonFiniteValues) {
+  std::vector<float> v(2000, 3.0f);
+  DevArray d(v);
+  hcuda_normz_inplace(d.p, v.size(), 1.0f, 0.0f);
+  for (float x : d.get()) ASSERT_FALSE(std::isfinite(x));
+}
+
+TEST_P(DeviceNormalise, MaskedStatisticsUseOnlyTheMask) {
+  const size_t n = 200000;
+  std::vector<float> v = random_values(n, 13, 10.0f, 2.0f), m(n);
+  std::vector<float> inside;
+  for (size_t i = 0; i < n; ++i) {
+    m[i] = (i % 3 == 0) ? 1.0f : 0.0f;
+    if (m[i] == 0.0f) v[i] = 1e4f + (float)(i % 100);  // far off: must not move the statistics
+    else inside.push_back(v[i]);
+  }
+  double mu, sd;
+  mean_sd(inside, mu, sd);
+  DevArray d(v), dm(m);
+  hcuda_norm_withmask_inplace(d.p, dm.p, n, 1.0f, 0.0f);
+  std::vector<float> got = d.get();
+  std::vector<float> got_inside;
+  for (size_t i = 0; i < n; ++i)
+    if (m[i] != 0.0f) got_inside.push_back(got[i]);
+  double gm, gs;
+  mean_sd(got_inside, gm, gs);
+  EXPECT_NEAR(gm, 0.0, 1e-3);
+  EXPECT_NEAR(gs, 1.0, 1e-3);
+  // Outside the mask the same linear change, not cleared.
+  for (size_t i = 1; i < n; i += 3) EXPECT_NEAR(got[i], (v[i] - mu) / sd, 0.05) << i;
+  EXPECT_EQ(dm.get(), m);
+
+  DevArray d2(v);
+  hcuda_norm_withmask_applymask_inplace(d2.p, dm.p, n, 1.0f, 0.0f);
+  std::vector<float> got2 = d2.get();
+  for (size_t i = 0; i < n; ++i) ASSERT_EQ(got2[i], m[i] != 0.0f ? got[i] : 0.0f) << i;
+
+  // The staging forms give the device result on host arrays.
+  std::vector<float> h = v, out(n);
+  gpu_norm_withmask_applymask(out.data(), v.data(), m.data(), n, 1.0f, 0.0f);
+  EXPECT_EQ(out, got2);
+  EXPECT_EQ(h, v);
+  gpu_norm_withmask_applymask_inplace(h.data(), m.data(), n, 1.0f, 0.0f);
+  EXPECT_EQ(h, got2);
+}
+
+TEST_P(DeviceNormalise, AllOnesMaskMatchesThePlainForm) {
+  const size_t n = 100000;
+  std::vector<float> v = random_values(n, 14, -3.0f, 0.5f), ones(n, 1.0f);
+  DevArray a(v), b(v), dm(ones);
+  hcuda_normz_inplace(a.p, n, 2.0f, 1.0f);
+  hcuda_norm_withmask_inplace(b.p, dm.p, n, 2.0f, 1.0f);
+  std::vector<float> ga = a.get(), gb = b.get();
+  for (size_t i = 0; i < n; ++i) ASSERT_NEAR(ga[i], gb[i], 1e-4f * (1.0f + std::fabs(ga[i]))) << i;
+}
+
+TEST_P(DeviceNormalise, ZeroMaskGivesNonFiniteValues) {
+  std::vector<float> v = random_values(3000, 15, 0.0f, 1.0f), zeros(3000, 0.0f);
+  DevArray d(v), dm(zeros);
+  hcuda_norm_withmask_inplace(d.p, dm.p, v.size(), 1.0f, 0.0f);
+  for (float x : d.get()) ASSERT_FALSE(std::isfinite(x));
+}
+
+// ===========================================================================
+// Element-wise kernels
+
+class DeviceElementwise : public BackendTest {};
+
+TEST_P(DeviceElementwise, ArithmeticFamilies) {
+  const size_t n = 2500;  // three blocks, the last partly idle
+  std::vector<float> a = random_values(n, 31, 0.5f, 2.0f), b = random_values(n, 32, 3.0f, 1.0f);
+  DevArray da(a), db(b), out(n);
+  const float s = 1.75f, s1 = -0.3f, s2 = 2.5f;
+  auto check = [&](const char* what, auto f) {
+    std::vector<float> got = out.get();
+    for (size_t i = 0; i < n; ++i) ASSERT_TRUE(same_bits(got[i], f(i))) << what << " at " << i;
+  };
+  hcuda_x1d_add(da.p, db.p, out.p, n);
+  check("x1d_add", [&](size_t i) { return a[i] + b[i]; });
+  hcuda_x1d_sub(da.p, db.p, out.p, n);
+  check("x1d_sub", [&](size_t i) { return a[i] - b[i]; });
+  hcuda_x1d_multi(da.p, db.p, out.p, n);
+  check("x1d_multi", [&](size_t i) { return a[i] * b[i]; });
+  hcuda_apply_mask(da.p, db.p, out.p, n);
+  check("apply_mask", [&](size_t i) { return a[i] * b[i]; });
+  hcuda_x1d_divide(da.p, db.p, out.p, n);
+  check("x1d_divide", [&](size_t i) { return a[i] / b[i]; });
+  hcuda_add(da.p, out.p, n, s);
+  check("add", [&](size_t i) { return a[i] + s; });
+  hcuda_sub(da.p, out.p, n, s);
+  check("sub", [&](size_t i) { return a[i] - s; });
+  hcuda_multi(da.p, out.p, n, s);
+  check("multi", [&](size_t i) { return a[i] * s; });
+  hcuda_divide(da.p, out.p, n, s);
+  check("divide", [&](size_t i) { return a[i] / s; });
+  hcuda_add_multi(da.p, out.p, n, s1, s2);
+  check("add_multi", [&](size_t i) { return (a[i] + s1) * s2; });
+  hcuda_multi_add(da.p, out.p, n, s1, s2);
+  check("multi_add", [&](size_t i) { return fmaf(a[i], s1, s2); });
+  hcuda_sub_divide(da.p, out.p, n, s1, s2);
+  check("sub_divide", [&](size_t i) { return (a[i] - s1) / s2; });
+  hcuda_divide_sub(da.p, out.p, n, s1, s2);
+  check("divide_sub", [&](size_t i) { return a[i] / s1 - s2; });
+  hcuda_sqr(da.p, out.p, n);
+  check("sqr", [&](size_t i) { return a[i] * a[i]; });
+  hcuda_sub_sqr(da.p, out.p, n, s);
+  check("sub_sqr", [&](size_t i) { return (a[i] - s) * (a[i] - s); });
+  hcuda_data_submean_sqr(da.p, out.p, n, s);
+  check("data_submean_sqr", [&](size_t i) { return (a[i] - s) * (a[i] - s); });
+  hcuda_data_submean_sqr_withmask(da.p, db.p, out.p, n, s);
+  check("data_submean_sqr_withmask", [&](size_t i) { return b[i] * ((a[i] - s) * (a[i] - s)); });
+  hcuda_sqr_withmask(da.p, db.p, out.p, n);
+  check("sqr_withmask", [&](size_t i) { return (a[i] * a[i]) * b[i]; });
+  hcuda_sqrtf(db.p, out.p, n);
+  check("sqrtf", [&](size_t i) { return sqrtf(b[i]); });
+  hcuda_logf(db.p, out.p, n);
+  check("logf", [&](size_t i) { return hd_logf(b[i]); });
+  EXPECT_EQ(da.get(), a);
+  EXPECT_EQ(db.get(), b);
+
+  // The in-place forms, chained on one array.
+  std::vector<float> h = a;
+  DevArray w(a);
+  hcuda_x1d_add_inplace(w.p, db.p, n);
+  hcuda_x1d_multi_inplace(w.p, db.p, n);
+  hcuda_x1d_sub_inplace(w.p, da.p, n);
+  hcuda_x1d_divide_inplace(w.p, db.p, n);
+  hcuda_add_inplace(w.p, n, s);
+  hcuda_multi_inplace(w.p, n, s);
+  hcuda_sub_inplace(w.p, n, s1);
+  hcuda_divide_inplace(w.p, n, s2);
+  hcuda_multi_add_inplace(w.p, n, s1, s2);
+  hcuda_sub_divide_inplace(w.p, n, s2, s);
+  hcuda_invert_inplace(w.p, n);
+  hcuda_addto_float(w.p, db.p, n);
+  hcuda_apply_mask_inplace(w.p, db.p, n);
+  hcuda_sqr_inplace(w.p, n);
+  hcuda_sqrtf_inplace(w.p, n);
+  hcuda_logf_inplace(w.p, n);
+  for (size_t i = 0; i < n; ++i) {
+    float x = h[i];
+    x = ((((x + b[i]) * b[i]) - a[i]) / b[i] + s) * s;
+    x = (x - s1) / s2;
+    x = fmaf(x, s1, s2);
+    x = (x - s2) / s;
+    x = -x + b[i];
+    x = x * b[i];
+    x = hd_logf(sqrtf(x * x));
+    h[i] = x;
+  }
+  std::vector<float> got = w.get();
+  for (size_t i = 0; i < n; ++i) ASSERT_TRUE(same_bits(got[i], h[i])) << i;
+}
+
+TEST_P(DeviceElementwise, MultiAddIsOneFusedStep) {
+  // (1 + 2^-12)(1 - 2^-12) - 1 = -2^-24 exactly; rounding the product first gives 0.
+  std::vector<float> a(1, 1.0f + 0x1p-12f);
+  DevArray d(a), out(1);
+  hcuda_multi_add(d.p, out.p, 1, 1.0f - 0x1p-12f, -1.0f);
+  EXPECT_EQ(out.get()[0], -0x1p-24f);
+  hcuda_multi_add_inplace(d.p, 1, 1.0f - 0x1p-12f, -1.0f);
+  EXPECT_EQ(d.get()[0], -0x1p-24f);
+}
+
+TEST_P(DeviceElementwise, LogfEdges) {
+  std::vector<float> a = {-1.0f, 0.0f, -0.0f, 1.0f, INFINITY, 1e-45f};
+  DevArray d(a), out(a.size());
+  hcuda_logf(d.p, out.p, a.size());
+  std::vector<float> got = out.get();
+  EXPECT_TRUE(std::isnan(got[0]));
+  EXPECT_EQ(got[1], -INFINITY);
+  EXPECT_EQ(got[2], -INFINITY);
+  EXPECT_EQ(got[3], 0.0f);
+  EXPECT_EQ(got[4], INFINITY);
+  EXPECT_NEAR(got[5], std::log((double)1e-45f), 1e-4);
+}
+
+TEST_P(DeviceElementwise, ManyWithOne) {
+  const int L = 37;
+  const size_t rows = 1100;
+  std::vector<float> data = random_values(L * rows, 41, 0.0f, 1.0f), one = random_values(L, 42, 1.0f, 0.5f);
+  DevArray dd(data), d1(one), out(rows), big(L * rows);
+  hcuda_dot_manydata_with_one(dd.p, d1.p, L, out.p, rows);
+  std::vector<float> got = out.get();
+  for (size_t r = 0; r < rows; ++r) {
+    float s = 0.0f;
+    for (int k = 0; k < L; ++k) s = fmaf(data[r * L + k], one[k], s);
+    ASSERT_TRUE(same_bits(got[r], s)) << r;
+  }
+  hcuda_correlation_many_with_one_limited(dd.p, d1.p, out.p, L, rows, 5, 20);
+  got = out.get();
+  for (size_t r = 0; r < rows; ++r) {
+    float s = 0.0f;
+    for (int k = 5; k < 20; ++k) s = fmaf(data[r * L + k], one[k], s);
+    ASSERT_TRUE(same_bits(got[r], s)) << r;
+  }
+  hcuda_sumX_manydata_to_one(dd.p, out.p, L, rows);
+  got = out.get();
+  for (size_t r = 0; r < rows; ++r) {
+    float s = 0.0f;
+    for (int k = 0; k < L; ++k) s += data[r * L + k];
+    ASSERT_TRUE(same_bits(got[r], s)) << r;
+  }
+  hcuda_multiply_manydata_with_one(dd.p, d1.p, big.p, L, rows);
+  got = big.get();
+  for (size_t r = 0; r < rows; ++r)
+    for (int k = 0; k < L; ++k) ASSERT_EQ(got[r * L + k], data[r * L + k] * one[k]);
+}
+
+// ===========================================================================
+// Host family
+
+TEST(HostMath, VarianceOfZeroAndTwo) {
+  const float v[] = {0.0f, 2.0f};
+  EXPECT_EQ(hm_svariance(v, 2), 2.0);
+  EXPECT_EQ(hm_svariancef(v, 2), 2.0f);
+  EXPECT_EQ(hm_variance(v, 2), 1.0);
+  EXPECT_EQ(hm_variancef(v, 2), 1.0f);
+  EXPECT_EQ(hm_stdv(v, 2), 1.0);
+  EXPECT_DOUBLE_EQ(hm_sstdv(v, 2), std::sqrt(2.0));
+  double m, s;
+  hm_mean_stdv(v, 2, m, s);
+  EXPECT_EQ(m, 1.0);
+  EXPECT_EQ(s, 1.0);
+}
+
+TEST(HostMath, SumsAccumulateInDouble) {
+  // 2^24 + 1 + 1 + ...: a float accumulator loses every 1, a double keeps them.
+  std::vector<float> v(1001, 1.0f);
+  v[0] = 16777216.0f;
+  EXPECT_EQ(hm_sum(v.data(), v.size()), 16777216.0 + 1000.0);
+  EXPECT_EQ(hm_mean(v.data(), v.size()), (16777216.0 + 1000.0) / 1001.0);
+  std::vector<float> ones(1001, 1.0f);
+  EXPECT_EQ(hm_dot(v.data(), ones.data(), v.size()), 16777216.0 + 1000.0);
+  EXPECT_EQ(hm_dotf(v.data(), ones.data(), v.size()), 16777216.0f);  // the float one
+  EXPECT_EQ(hm_sumf_withmask(v.data(), ones.data(), v.size()), 16777216.0f);
+  EXPECT_EQ(hm_sum_withmask(v.data(), ones.data(), v.size()), 16777216.0 + 1000.0);
+
+  const float a[] = {1.0f, -2.0f, 3.0f}, b[] = {4.0f, 5.0f, -6.0f}, w[] = {0.5f, 1.0f, 0.0f};
+  EXPECT_EQ(hm_sum_sqr(a, 3), 14.0);
+  EXPECT_EQ(hm_sqr_sum(a, 3), 4.0);
+  EXPECT_EQ(hm_l1_norm(a, 3), 6.0);
+  EXPECT_DOUBLE_EQ(hm_l2_norm(a, 3), std::sqrt(14.0));
+  EXPECT_DOUBLE_EQ(hm_mod(a, 3), std::sqrt(14.0));
+  EXPECT_NEAR(hm_lp_norm(a, 3, 3.0f), std::cbrt(36.0), 1e-12);
+  EXPECT_EQ(hm_dot(a, b, 3), 4.0 - 10.0 - 18.0);
+  EXPECT_EQ(hm_dot_withmask(a, b, w, 3), 2.0 - 10.0);
+  EXPECT_EQ(hm_dotf_weighted(a, b, w, 3), -8.0f);
+  EXPECT_EQ(hm_mean_weighted(a, w, 3), (0.5 - 2.0) / 1.5);
+  EXPECT_EQ(hm_meanf_withmask(a, w, 3), (float)((0.5 - 2.0) / 1.5));
+  // covariance: means 2/3 and 1
+  double cov = (1 - 2.0 / 3) * 3 + (-2 - 2.0 / 3) * 4 + (3 - 2.0 / 3) * (-7);
+  EXPECT_NEAR(hm_covariance(a, b, 3), cov, 1e-12);
+}
+
+TEST(HostMath, ElementwiseFamily) {
+  const float a[] = {1.0f, -2.0f, 4.0f, 9.0f}, b[] = {2.0f, 4.0f, -8.0f, 3.0f};
+  float out[4], w[4];
+  hm_add(out, a, 4, 1.0f);
+  EXPECT_EQ(out[1], -1.0f);
+  hm_sub(out, a, 4, 1.0f);
+  EXPECT_EQ(out[2], 3.0f);
+  hm_multi(out, a, 4, 3.0f);
+  EXPECT_EQ(out[3], 27.0f);
+  hm_divide(out, a, 4, 2.0f);
+  EXPECT_EQ(out[2], 2.0f);
+  hm_invert(out, a, 4);
+  EXPECT_EQ(out[0], -1.0f);
+  hm_sqr(out, a, 4);
+  EXPECT_EQ(out[1], 4.0f);
+  hm_sqrtf(out, a, 4);
+  EXPECT_EQ(out[3], 3.0f);
+  EXPECT_TRUE(std::isnan(out[1]));
+  hm_logf(out, a, 4);
+  EXPECT_EQ(out[0], 0.0f);
+  hm_multi_add(out, a, 4, 2.0f, 1.0f);
+  EXPECT_EQ(out[1], -3.0f);
+  hm_add_multi(out, a, 4, 1.0f, 2.0f);
+  EXPECT_EQ(out[1], -2.0f);
+  hm_divide_sub(out, a, 4, 2.0f, 1.0f);
+  EXPECT_EQ(out[2], 1.0f);
+  hm_sub_divide(out, a, 4, 1.0f, 2.0f);
+  EXPECT_EQ(out[3], 4.0f);
+  hm_sub_sqr(out, a, 4, 1.0f);
+  EXPECT_EQ(out[1], 9.0f);
+  hm_linear_norm_kb(out, a, 4, 2.0f, -1.0f);
+  EXPECT_EQ(out[2], 7.0f);
+  hm_submean(out, a, 4);  // mean 3
+  EXPECT_EQ(out[0], -2.0f);
+  hm_submean_sqr(out, a, 4);
+  EXPECT_EQ(out[1], 25.0f);
+  hm_submean_abs(out, a, 4);
+  EXPECT_EQ(out[1], 5.0f);
+  hm_x1d_add(out, a, b, 4);
+  EXPECT_EQ(out[2], -4.0f);
+  hm_x1d_sub(out, a, b, 4);
+  EXPECT_EQ(out[1], -6.0f);
+  hm_x1d_multi(out, a, b, 4);
+  EXPECT_EQ(out[3], 27.0f);
+  hm_x1d_divide(out, a, b, 4);
+  EXPECT_EQ(out[2], -0.5f);
+  hm_appply_mask(out, a, b, 4);
+  EXPECT_EQ(out[0], 2.0f);
+  memcpy(w, a, sizeof w);
+  hm_submean_inplace(w, 4);
+  hm_x1d_multi_inplace(w, b, 4);
+  hm_apply_weights_inplace(w, b, 4);
+  hm_multi_add_inplace(w, 4, 0.5f, 1.0f);
+  EXPECT_EQ(w[0], (-2.0f * 2.0f * 2.0f) * 0.5f + 1.0f);
+  EXPECT_EQ(w[3], (6.0f * 3.0f * 3.0f) * 0.5f + 1.0f);
+}
+
+TEST(HostMath, NormalisationsInDouble) {
+  const size_t n = 10000;
+  std::vector<float> v = random_values(n, 51, 100.0f, 7.0f), out(n);
+  hm_normz(out.data(), v.data(), n, 2.0f, 5.0f);
+  double m, s;
+  mean_sd(out, m, s);
+  EXPECT_NEAR(m, 5.0, 1e-5);
+  EXPECT_NEAR(s, 2.0, 1e-5);
+  // out = (float)(mean + (a - mu)*(sigma/s)), all in double
+  double mu, sd;
+  hm_mean_stdv(v.data(), n, mu, sd);
+  for (size_t i = 0; i < n; i += 97) EXPECT_EQ(out[i], (float)(5.0 + (v[i] - mu) * (2.0 / sd)));
+
+  // Masked: statistics from the weighted elements, all elements change.
+  std::vector<float> mk(n, 0.0f), inside;
+  for (size_t i = 0; i < n; ++i)
+    if (i % 4 == 0) {
+      mk[i] = 1.0f;
+      inside.push_back(v[i]);
+    } else {
+      v[i] += 500.0f;
+    }
+  double im, is;
+  mean_sd(inside, im, is);
+  std::vector<float> w = v;
+  hm_normz_withmask_inplace(w.data(), mk.data(), n);
+  for (size_t i = 0; i < n; i += 3) EXPECT_NEAR(w[i], (v[i] - im) / is, 1e-4 * (1 + std::fabs(w[i])));
+  std::vector<float> wa(n);
+  hm_normz_withmask_applymask(wa.data(), v.data(), mk.data(), n);
+  for (size_t i = 0; i < n; ++i) ASSERT_EQ(wa[i], mk[i] != 0.0f ? w[i] : 0.0f);
+  std::vector<float> ww = v;
+  hm_normz_weighted_inplace(ww.data(), mk.data(), n);
+  EXPECT_EQ(ww, w);
+
+  // Correlation of an array with a linear function of itself is 1.
+  std::vector<float> x = random_values(1000, 52, 0.0f, 1.0f), y(1000);
+  for (size_t i = 0; i < 1000; ++i) y[i] = 3.0f * x[i] + 2.0f;
+  EXPECT_NEAR(hm_ccc_norm(x.data(), y.data(), 1000), 1.0f, 1e-5f);
+  std::vector<float> yn = y;
+  for (auto& t : yn) t = -t;
+  EXPECT_NEAR(hm_ccc_norm(x.data(), yn.data(), 1000), -1.0f, 1e-5f);
+  const float p[] = {1.0f, 0.0f}, q[] = {0.0f, 1.0f};
+  EXPECT_EQ(hm_ccc_unnorm(p, q, 2), 0.0f);
+}
+
+TEST(HostMath, SumCheck0EndsOnZeroAndWarnsOnTiny) {
+  const float zeros[3] = {0.0f, 0.0f, 0.0f};
+  EXPECT_EXIT(
+      {
+        ZK_STDOUT_TO_STDERR();
+        hm_sum_check0(zeros, 3);
+      },
+      ::testing::ExitedWithCode(1),
+      "^Error in function hm_sum_check0\\(\\), file math_utils.cpp on line [0-9]+: Zero sum of mask! Exit now!\n$");
+  EXPECT_EXIT(
+      {
+        ZK_STDOUT_TO_STDERR();
+        hm_normz_withmask_inplace(const_cast<float*>(zeros), zeros, 3);
+      },
+      ::testing::ExitedWithCode(1), "Zero sum of mask! Exit now!");
+  const float tiny[2] = {0.5e-7f, 0.5e-7f};
+  testing::internal::CaptureStdout();
+  double s = hm_sum_check0(tiny, 2);
+  std::string said = testing::internal::GetCapturedStdout();
+  EXPECT_NEAR(s, 1e-7, 1e-13);
+  EXPECT_TRUE(said.find("Warning in function hm_sum_check0(), file math_utils.cpp on line ") == 0) << said;
+  EXPECT_NE(said.find(": Too small sum of mask!\n"), std::string::npos) << said;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(hm_sumf_check0(tiny, 2), (float)s);
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("Too small sum of mask!"), std::string::npos);
+  const float fine[2] = {0.25f, 0.75f};
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(hm_sum_check0(fine, 2), 1.0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST(HostMath, UpdateMeanStdvByOneMore) {
+  std::vector<float> v = random_values(200, 61, 4.0f, 3.0f);
+  double mean = v[0], sd = 0.0;
+  for (size_t n = 1; n < v.size(); ++n) {
+    double r = hm_update_mean_stdv_by_one_more(mean, sd, n, v[n]);
+    EXPECT_EQ(r, mean);
+    double dm, ds;
+    hm_mean_stdv(v.data(), n + 1, dm, ds);
+    ASSERT_NEAR(mean, dm, 1e-9) << n;
+    ASSERT_NEAR(sd, ds, 1e-7) << n;
+  }
+}
+
+// ===========================================================================
+// Extremes and peaks
+
+TEST(Extremes, FirstIndexOfEqualValues) {
+  const float a[] = {3.0f, -1.0f, 7.0f, -1.0f, 7.0f, 2.0f};
+  float mn, mx, mean;
+  size_t imn, imx;
+  EXPECT_EQ(min_max_value_and_index(a, 6, mn, imn, mx, imx), 0);
+  EXPECT_EQ(mn, -1.0f);
+  EXPECT_EQ(imn, 1u);
+  EXPECT_EQ(mx, 7.0f);
+  EXPECT_EQ(imx, 2u);
+  EXPECT_EQ(max_min_value_and_index(a, 6, mx, imx, mn, imn), 0);
+  EXPECT_EQ(imx, 2u);
+  EXPECT_EQ(imn, 1u);
+  EXPECT_EQ(min_index(a, 6), 1u);
+  EXPECT_EQ(max_index(a, 6), 2u);
+  EXPECT_EQ(min_value(a, 6), -1.0f);
+  EXPECT_EQ(max_value(a, 6), 7.0f);
+  EXPECT_EQ(max_min_mean_value(a, 6, mx, mn, mean), 0);
+  EXPECT_EQ(mean, 17.0f / 6.0f);
+  EXPECT_EQ(min_max_mean_value(a, 6, mn, mx, mean), 0);
+  EXPECT_EQ(mn, -1.0f);
+  EXPECT_EQ(mx, 7.0f);
+  // Element 0 counts.
+  const float b[] = {9.0f, 1.0f, 9.0f};
+  EXPECT_EQ(max_index(b, 3), 0u);
+  EXPECT_EQ(min_index(b + 1, 2), 0u);
+  const float c[] = {4.5f, 4.5f, 4.5f};
+  EXPECT_EQ(max_min_mean_value(c, 3, mx, mn, mean), 0);
+  EXPECT_EQ(mx, 4.5f);
+  EXPECT_EQ(mn, 4.5f);
+  EXPECT_EQ(mean, 4.5f);
+}
+
+TEST(Extremes, PeakMaskClearsTheWholeHill) {
+  //               0     1     2     3     4     5     6     7     8     9
+  const float a[] = {1.0f, 2.0f, 5.0f, 9.0f, 6.0f, 4.0f, 4.0f, 8.0f, 3.0f, 0.0f};
+  int mask[10];
+  for (int& m : mask) m = 1;
+  EXPECT_EQ(peak_index_masked(a, mask, 10), 3u);
+  peak_make_mask(a, mask, 10, 3);
+  // Right: 6 < 9, 4 < 6, then 4 is not < 4: stops at 6.  Left: 5 < 9, 2 < 5, 1 < 2.
+  const int want[10] = {0, 0, 0, 0, 0, 0, 1, 1, 1, 1};
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(mask[i], want[i]) << i;
+  EXPECT_EQ(peak_index_masked(a, mask, 10), 7u);
+  peak_make_mask(a, mask, 10, 7);
+  // Left of 7: 4 < 8 clears 6, then 4 (index 5) is not < 4.
+  const int want2[10] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(mask[i], want2[i]) << i;
+  EXPECT_EQ(peak_index_masked(a, mask, 10), 10u);
+
+  size_t out[5];
+  peak_indices(a, 10, out, 5);
+  EXPECT_EQ(out[0], 3u);
+  EXPECT_EQ(out[1], 7u);
+  for (int j = 2; j < 5; ++j) EXPECT_EQ(out[j], 10u);
+  // Equal peaks: the first wins.
+  const float e[] = {5.0f, 1.0f, 5.0f, 1.0f};
+  size_t o2[2];
+  peak_indices(e, 4, o2, 2);
+  EXPECT_EQ(o2[0], 0u);
+  EXPECT_EQ(o2[1], 2u);
+  // k larger than n gives n entries.
+  size_t o3[4] = {99, 99, 99, 99};
+  peak_indices(e, 2, o3, 4);
+  EXPECT_EQ(o3[0], 0u);
+  EXPECT_EQ(o3[2], 99u);
+}
+
+// ===========================================================================
+// Scalar helpers
+
+TEST(ScalarHelpers, FracValueAtIntegerAndLastRow) {
+  const int nx = 4, ny = 3;
+  std::vector<float> img(nx * ny + nx, NAN);  // a row of NaN past the end
+  for (int i = 0; i < nx * ny; ++i) img[i] = (float)(i * i) * 0.5f;
+  for (int y = 0; y < ny; ++y)
+    for (int x = 0; x < nx; ++x) EXPECT_EQ(hd_2d_frac_value(img.data(), nx, (float)x, (float)y), img[y * nx + x]);
+  // On the last row a fractional x interpolates along the row only.
+  float v = hd_2d_frac_value(img.data(), nx, 1.25f, 2.0f);
+  EXPECT_FLOAT_EQ(v, img[9] + 0.25f * (img[10] - img[9]));
+  // On the last column a fractional y interpolates down the column only.
+  v = hd_2d_frac_value(img.data(), nx, 3.0f, 0.5f);
+  EXPECT_FLOAT_EQ(v, 0.5f * (img[3] + img[7]));
+  // Inside: bilinear.
+  v = hd_2d_frac_value(img.data(), nx, 0.5f, 0.25f);
+  float top = 0.5f * (img[0] + img[1]), bottom = 0.5f * (img[4] + img[5]);
+  EXPECT_FLOAT_EQ(v, top + 0.25f * (bottom - top));
+  const float line[3] = {1.0f, 3.0f, NAN};
+  EXPECT_EQ(hd_1d_frac_value(line, 1.0f), 3.0f);
+  EXPECT_EQ(hd_1d_frac_value(line, 0.25f), 1.5f);
+  // 3-D: the last plane does not read the next one.
+  std::vector<float> vol(2 * 2 * 2 + 4, NAN);
+  for (int i = 0; i < 8; ++i) vol[i] = (float)i;
+  EXPECT_EQ(hd_3d_frac_value(vol.data(), 2, 2, 1.0f, 1.0f, 1.0f), 7.0f);
+  EXPECT_FLOAT_EQ(hd_3d_frac_value(vol.data(), 2, 2, 0.5f, 0.5f, 0.5f), 3.5f);
+  EXPECT_FLOAT_EQ(hd_3d_frac_value(vol.data(), 2, 2, 0.5f, 0.0f, 1.0f), 4.5f);
+}
+
+TEST(ScalarHelpers, Interpolations) {
+  EXPECT_EQ(hd_linear_interpolation(2.0f, 6.0f, 0.25f), 3.0f);
+  EXPECT_EQ(hd_bilinear_interpolation(1.0f, 2.0f, 3.0f, 5.0f, 0.0f, 0.0f), 1.0f);
+  EXPECT_EQ(hd_bilinear_interpolation(1.0f, 2.0f, 3.0f, 5.0f, 1.0f, 1.0f), 5.0f);
+  EXPECT_EQ(hd_bilinear_interpolation(1.0f, 2.0f, 3.0f, 5.0f, 0.5f, 0.5f), 2.75f);
+  EXPECT_EQ(hd_trilinear_interpolation(0, 1, 2, 3, 4, 5, 6, 7, 1.0f, 1.0f, 0.5f), 5.0f);
+}
+
+TEST(ScalarHelpers, Neighbours) {
+  const int nx = 3, ny = 3;
+  const float a[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+  int k[8];
+  hd_2d_index_nb8(nx, ny, 0, 0, k);  // the corner falls back on itself
+  const int want[8] = {0, 1, 0, 3, 0, 1, 3, 4};
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(k[i], want[i]) << i;
+  hd_2d_index_nb4(nx, ny, 2, 1, k);
+  EXPECT_EQ(k[0], 4);
+  EXPECT_EQ(k[1], 5);
+  EXPECT_EQ(k[2], 2);
+  EXPECT_EQ(k[3], 8);
+  EXPECT_EQ(hd_2d_ave_nb4(a, nx, ny, 1, 1), 5.0f);
+  EXPECT_EQ(hd_2d_ave_nb8(a, nx, ny, 1, 1, 0), 5.0f);
+  EXPECT_EQ(hd_2d_ave_nb4(a, nx, ny, 0, 0), (1.0f + 2.0f + 1.0f + 4.0f) / 4.0f);
+  // Weighted: direct neighbours twice, over 12.
+  EXPECT_EQ(hd_2d_ave_nb8(a, nx, ny, 0, 0, 1), (2.0f * (1 + 2 + 1 + 4) + (1 + 2 + 4 + 5)) / 12.0f);
+}
+
+TEST(ScalarHelpers, PeriodicEquivalentEitherOrder) {
+  EXPECT_EQ(hd_periodic_equivalent(100.0f, -90.0f, 90.0f), -80.0f);
+  EXPECT_EQ(hd_periodic_equivalent(100.0f, 90.0f, -90.0f), -80.0f);
+  EXPECT_EQ(hd_periodic_equivalent(90.0f, -90.0f, 90.0f), -90.0f);  // half-open
+  EXPECT_EQ(hd_periodic_equivalent(-90.0f, 90.0f, -90.0f), -90.0f);
+  EXPECT_EQ(hd_periodic_equivalent(-450.0f, -90.0f, 90.0f), -90.0f);
+  EXPECT_EQ(hd_periodic_equivalent(-451.0f, -90.0f, 90.0f), 89.0f);
+  EXPECT_EQ(hd_periodic_equivalent(725.0f, 360.0f, 0.0f), 5.0f);
+  EXPECT_EQ(hd_periodic_equivalent(7.0f, 3.0f, 3.0f), 7.0f);  // no period
+  EXPECT_EQ(hd_periodic_equivalent(-1e-8f, 0.0f, 360.0f), 0.0f);  // rounding lands on hi
+  EXPECT_EQ(hd_periodic_equivalent(200.0, 160.0, -20.0), 20.0);
+  EXPECT_EQ(hd_mod_angle_m90_p90(135.0f), -45.0f);
+  EXPECT_EQ(hd_mod_angle_m90_p90(-135.0), 45.0);
+  for (float x = -1000.0f; x < 1000.0f; x += 0.37f) {
+    float v = hd_periodic_equivalent(x, 160.0f, -20.0f);
+    ASSERT_GE(v, -20.0f);
+    ASSERT_LT(v, 160.0f);
+    ASSERT_NEAR(std::remainder((double)v - x, 180.0), 0.0, 1e-3) << x;
+  }
+}
+
+TEST(ScalarHelpers, ClampsAndResolutionBand) {
+  float v = 5.0f;
+  hd_min_max_bounded(v, 3.0f, 1.0f);
+  EXPECT_EQ(v, 3.0f);
+  v = -5.0f;
+  EXPECT_EQ(hd_min_max_bounded(v, 1.0f, 3.0f), 1.0f);
+  v = 2.0f;
+  hd_min_max_bounded(v, 3.0f, 1.0f);
+  EXPECT_EQ(v, 2.0f);
+  // Between 1/20 and 1/4 per angstrom, limits included, either order.
+  EXPECT_TRUE(is_in_res(1.0f / 20.0f, 20.0f, 4.0f));
+  EXPECT_TRUE(is_in_res(1.0f / 4.0f, 20.0f, 4.0f));
+  EXPECT_TRUE(is_in_res(0.1f, 4.0f, 20.0f));
+  EXPECT_FALSE(is_in_res(0.0499f, 20.0f, 4.0f));
+  EXPECT_FALSE(is_in_res(0.2501f, 4.0f, 20.0f));
+}
+
+TEST(ScalarHelpers, GaussiansAndComplex) {
+  EXPECT_EQ(hd_guasf(0.0f, 2.0f), 0.39894229f);
+  EXPECT_NEAR(hd_guasf(2.0f, 2.0f), 0.39894229 * std::exp(-0.5), 1e-7);
+  EXPECT_EQ(hd_guas(0.0, 2.0), 0.39894228);
+  EXPECT_NEAR(hd_guas(3.0, 2.0), 0.39894228 * std::exp(-9.0 / 8.0), 1e-15);
+  EXPECT_EQ(hd_guasf1(0.0f, 3.0f), 1.0f);
+  EXPECT_EQ(hd_guasf1(0.0f, 0.0f), 1.0f);
+  EXPECT_EQ(hd_guasf1(0.5f, 0.0f), 0.0f);
+  EXPECT_EQ(hd_guas1(0.0, 0.0), 1.0);
+  EXPECT_EQ(hd_guas1(-0.5, 0.0), 0.0);
+  EXPECT_NEAR(hd_guasf1(1.0f, 1.0f), std::exp(-0.5), 1e-7);
+  EXPECT_EQ(hd_bfac(0.0f, 100.0f), 1.0f);
+  EXPECT_NEAR(hd_bfac(0.1f, 200.0f), std::exp(-0.5), 1e-7);
+  float2 a = make_f2(1.0f, 2.0f), b = make_f2(3.0f, -1.0f);
+  float2 p = hd_cXc(a, b);
+  EXPECT_EQ(p.x, 5.0f);
+  EXPECT_EQ(p.y, 5.0f);
+  p = hd_cXrc(a, b);
+  EXPECT_EQ(p.x, 5.0f);
+  EXPECT_EQ(hd_conj(a).y, -2.0f);
+  float2 c = hd_p2c(0.0f);
+  EXPECT_EQ(c.x, 1.0f);
+  EXPECT_EQ(c.y, 0.0f);
+}
+
+ZK_BACKEND_SUITE(DeviceReduce);
+ZK_BACKEND_SUITE(DeviceNormalise);
+ZK_BACKEND_SUITE(DeviceElementwise);
