@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "device/launch.h"
+#include "device/math_utils.h"
 #include "device/report.h"
 
 #if defined(ZAVIK_HAVE_CUDA)
@@ -558,4 +559,261 @@ HDI void cuda_float_center_swap(int x, int y, const float* in, float* out, int n
 void hcuda_float_center_swap(const float* in, float* out, unsigned int nx, unsigned int ny) {
   const int w = (int)nx, h = (int)ny;
   launch_2d(w, h, [=] HD(int x, int y) { cuda_float_center_swap(x, y, in, out, w, h); });
+}
+
+HDI void cuda_complex_logmod(unsigned int i, float* out, const float2* c) { out[i] = hd_logf(zk_cmod(c[i])); }
+HDI void cuda_complex_logmod_forced_positive(unsigned int i, float* out, const float2* c) {
+  out[i] = hd_logf(zk_cmod(c[i]) + 1.0f);
+}
+HDI void cuda_complex_logmod_center_swap(unsigned int i, float* out, const float2* c, unsigned int n) {
+  out[(i + n / 2) % n] = hd_logf(zk_cmod(c[i]));
+}
+
+void hcuda_complex_logmod(float* out, const float2* c, size_t n) {
+  launch_1d(n, [=] HD(unsigned int i) { cuda_complex_logmod(i, out, c); });
+}
+void hcuda_complex_logmod_forced_positive(float* out, const float2* c, size_t n) {
+  launch_1d(n, [=] HD(unsigned int i) { cuda_complex_logmod_forced_positive(i, out, c); });
+}
+void hcuda_complex_logmod_center_swap(float* out, const float2* c, size_t n) {
+  const unsigned int m = (unsigned int)n;
+  launch_1d(n, [=] HD(unsigned int i) { cuda_complex_logmod_center_swap(i, out, c, m); });
+}
+
+void hcuda_2ds_fft_r2c_logmod(const float* in, float* out, unsigned int nx, unsigned int ny, unsigned int nz) {
+  const size_t nr = (size_t)nx * ny, nc = half_count(nx, ny);
+  float2* d_f = d_alloc_float2(nc);
+  for (unsigned int k = 0; k < nz; ++k) {
+    hcuda_2d_fft_r2c(in + k * nr, d_f, nx, ny);
+    hcuda_complex_logmod(out + k * nc, d_f, nc);
+  }
+  device_free(d_f);
+}
+
+// ===========================================================================
+// Correlation
+// ===========================================================================
+
+void hcuda_x2d_ccf(const float* a, const float* b, float* out, unsigned int nx, unsigned int ny) {
+  const size_t n = (size_t)nx * ny, nc = half_count(nx, ny);
+  ZkFftPlan plan_a = zk_fft_plan_r2c((int)nx, (int)ny, 1);
+  ZkFftPlan plan_b = zk_fft_plan_r2c((int)nx, (int)ny, 1);
+  ZkFftPlan plan_cc = zk_fft_plan_c2r((int)nx, (int)ny, 1);
+  float2* fa = d_alloc_float2(nc);
+  float2* fb = d_alloc_float2(nc);
+  zk_fft_exec_r2c(plan_a, a, fa);
+  zk_fft_exec_r2c(plan_b, b, fb);
+  const float den = sqrtf(hcuda_fast_sumsqr(a, n) * hcuda_fast_sumsqr(b, n)) * (float)n;
+  hcuda_c2d_multconj_norm_inplace(fa, fb, nx / 2 + 1, ny, den);
+  zk_fft_exec_c2r(plan_cc, fa, out);
+  hcuda_2d_swap_ccf_inplace(out, nx, ny);
+  device_free(fa);
+  device_free(fb);
+  zk_fft_plan_destroy(plan_a);
+  zk_fft_plan_destroy(plan_b);
+  zk_fft_plan_destroy(plan_cc);
+}
+
+namespace {
+
+// A device copy of a host image with its mean subtracted.
+float* d_copy_submean(const float* h, size_t n) {
+  float* d = d_alloc_float(n);
+  ZK_CHECK(memcpy_H2D(d, h, n * sizeof(float)));
+  const float m = hcuda_fast_mean(d, n);
+  launch_1d(n, [=] HD(unsigned int i) { d[i] = d[i] - m; });
+  return d;
+}
+
+}  // namespace
+
+void gpu_x2d_ccf(const float* a, const float* b, float* out, unsigned int nx, unsigned int ny) {
+  const size_t n = (size_t)nx * ny;
+  float* d_a = d_copy_submean(a, n);
+  float* d_b = d_copy_submean(b, n);
+  float* d_o = d_alloc_float(n);
+  hcuda_x2d_ccf(d_a, d_b, d_o, nx, ny);
+  ZK_CHECK(memcpy_D2H(out, d_o, n * sizeof(float)));
+  device_free(d_a);
+  device_free(d_b);
+  device_free(d_o);
+}
+
+// One thread a row: the row's products summed in order, in float.
+HDI void cuda_x2d_ccc_lineX(unsigned int y, const float* a, const float* b, float* rows, unsigned int nx) {
+  const size_t o = (size_t)y * nx;
+  float s = 0.0f;
+  for (unsigned int x = 0; x < nx; ++x) s = s + a[o + x] * b[o + x];
+  rows[y] = s;
+}
+
+double hcuda_x2d_ccc(const float* a, const float* b, unsigned int nx, unsigned int ny) {
+  float* d_rows = d_alloc_float(ny);
+  launch_1d(ny, [=] HD(unsigned int y) { cuda_x2d_ccc_lineX(y, a, b, d_rows, nx); });
+  std::vector<float> rows(ny);
+  ZK_CHECK(memcpy_D2H(rows.data(), d_rows, ny * sizeof(float)));
+  device_free(d_rows);
+  return hm_sum(rows.data(), ny);
+}
+
+double gpu_x2d_ccc(const float* a, const float* b, unsigned int nx, unsigned int ny) {
+  const size_t n = (size_t)nx * ny;
+  float* d_a = d_alloc_float(n);
+  float* d_b = d_alloc_float(n);
+  ZK_CHECK(memcpy_H2D(d_a, a, n * sizeof(float)));
+  ZK_CHECK(memcpy_H2D(d_b, b, n * sizeof(float)));
+  const double s = hcuda_x2d_ccc(d_a, d_b, nx, ny);
+  device_free(d_a);
+  device_free(d_b);
+  return s;
+}
+
+float hcuda_x2d_norm_ccc_inplace(float* a, float* b, unsigned int nx, unsigned int ny) {
+  const size_t n = (size_t)nx * ny;
+  const float ma = hcuda_fast_mean(a, n), mb = hcuda_fast_mean(b, n);
+  launch_1d(n, [=] HD(unsigned int i) {
+    a[i] = a[i] - ma;
+    b[i] = b[i] - mb;
+  });
+  const double ab = hcuda_x2d_ccc(a, b, nx, ny);
+  const double aa = hcuda_x2d_ccc(a, a, nx, ny);
+  const double bb = hcuda_x2d_ccc(b, b, nx, ny);
+  return (float)(ab / sqrt(aa * bb));
+}
+
+float hcuda_x2d_norm_ccc(const float* a, const float* b, unsigned int nx, unsigned int ny) {
+  const size_t n = (size_t)nx * ny;
+  float* d_a = d_alloc_float(n);
+  float* d_b = d_alloc_float(n);
+  ZK_CHECK(memcpy_D2D(d_a, a, n * sizeof(float)));
+  ZK_CHECK(memcpy_D2D(d_b, b, n * sizeof(float)));
+  const float c = hcuda_x2d_norm_ccc_inplace(d_a, d_b, nx, ny);
+  device_free(d_a);
+  device_free(d_b);
+  return c;
+}
+
+float gpu_x2d_norm_ccc(const float* a, const float* b, unsigned int nx, unsigned int ny) {
+  const size_t n = (size_t)nx * ny;
+  float* d_a = d_alloc_float(n);
+  float* d_b = d_alloc_float(n);
+  ZK_CHECK(memcpy_H2D(d_a, a, n * sizeof(float)));
+  ZK_CHECK(memcpy_H2D(d_b, b, n * sizeof(float)));
+  const float c = hcuda_x2d_norm_ccc_inplace(d_a, d_b, nx, ny);
+  device_free(d_a);
+  device_free(d_b);
+  return c;
+}
+
+// ===========================================================================
+// Phase shifts
+// ===========================================================================
+
+HDI void cuda_c2d_linear_Pshift(int kx, int ky, const float2* in, float2* out, int nxh, int ny, float dx, float dy) {
+  const int i = ky * nxh + kx;
+  const float phase = translation_to_phase_shift_2d(kx, ky, 2 * (nxh - 1), ny, dx, dy);
+  float s, c;
+  hd_sincosf(phase, &s, &c);
+  const float2 v = in[i];
+  out[i] = make_f2(v.x * c - v.y * s, v.x * s + v.y * c);
+}
+
+void hcuda_c2d_linear_Pshift(const float2* in, float2* out, unsigned int nxh, unsigned int ny, float dx, float dy) {
+  const int w = (int)nxh, h = (int)ny;
+  launch_2d(w, h, [=] HD(int x, int y) { cuda_c2d_linear_Pshift(x, y, in, out, w, h, dx, dy); });
+}
+
+void hcuda_c2d_linear_Pshift_inplace(float2* a, unsigned int nxh, unsigned int ny, float dx, float dy) {
+  hcuda_c2d_linear_Pshift(a, a, nxh, ny, dx, dy);
+}
+
+void hcuda_2d_shift(const float* in, float* out, unsigned int nx, unsigned int ny, float dx, float dy) {
+  float2* d_f = d_alloc_float2(half_count(nx, ny));
+  hcuda_2d_fft_r2c_normz(in, d_f, nx, ny);
+  hcuda_c2d_linear_Pshift_inplace(d_f, nx / 2 + 1, ny, dx, dy);
+  hcuda_2d_fft_c2r_normz(d_f, out, nx, ny);
+  device_free(d_f);
+}
+
+void hcuda_2d_shift_inplace(float* a, unsigned int nx, unsigned int ny, float dx, float dy) {
+  float2* d_f = d_alloc_float2(half_count(nx, ny));
+  hcuda_2d_fft_r2c_normz(a, d_f, nx, ny);
+  hcuda_c2d_linear_Pshift_inplace(d_f, nx / 2 + 1, ny, dx, dy);
+  hcuda_2d_fft_c2r_normz(d_f, a, nx, ny);
+  device_free(d_f);
+}
+
+void gpu_2d_shift(const float* in, float* out, unsigned int nx, unsigned int ny, float dx, float dy) {
+  const size_t n = (size_t)nx * ny;
+  float* d_a = d_alloc_float(n);
+  ZK_CHECK(memcpy_H2D(d_a, in, n * sizeof(float)));
+  hcuda_2d_shift_inplace(d_a, nx, ny, dx, dy);
+  ZK_CHECK(memcpy_D2H(out, d_a, n * sizeof(float)));
+  device_free(d_a);
+}
+
+void gpu_2d_shift_inplace(float* a, unsigned int nx, unsigned int ny, float dx, float dy) {
+  gpu_2d_shift(a, a, nx, ny, dx, dy);
+}
+
+void gpu_2d_shift2(const float* in, float* out, unsigned int nx, unsigned int ny, float dx, float dy) {
+  gpu_2d_shift(in, out, nx, ny, -dx, -dy);
+}
+
+// ===========================================================================
+// Radial weight
+// ===========================================================================
+
+// fy counts from the nearer edge (ny - ky on the far half), so the weight is
+// symmetric in the row frequency.
+HDI void cuda_c2dh_rweight(int kx, int ky, float2* out, const float2* in, int nxh, int ny, float rc, float s) {
+  const int i = ky * nxh + kx;
+  const int fy = ky < ny / 2 ? ky : ny - ky;
+  const float fx = (float)kx / (float)(2 * (nxh - 1));
+  const float fyn = (float)fy / (float)ny;
+  const float r = sqrtf(fx * fx + fyn * fyn);
+  const float w = r < rc ? r : rc * hd_guasf1(r - rc, s / 3.0f);
+  out[i] = make_f2(in[i].x * w, in[i].y * w);
+}
+
+void hcuda_c2dh_rweight(float2* out, const float2* in, unsigned int nxh, unsigned int ny, float rc, float soft) {
+  if (rc > 0.5f) rc = 0.5f;
+  const float s = rc + soft > 0.5f ? 0.5f - rc : soft;
+  const int w = (int)nxh, h = (int)ny;
+  launch_2d(w, h, [=] HD(int x, int y) { cuda_c2dh_rweight(x, y, out, in, w, h, rc, s); });
+}
+
+void hcuda_c2dh_rweight_inplace(float2* a, unsigned int nxh, unsigned int ny, float rc, float soft) {
+  hcuda_c2dh_rweight(a, a, nxh, ny, rc, soft);
+}
+
+namespace {
+
+void demand_even(unsigned int n, const char* func, int line) {
+  if (n % 2 == 0) return;
+  char msg[64];
+  snprintf(msg, sizeof msg, "%u not an even number", n);
+  zk_fatal(func, zk_basename(__FILE__), line, msg);
+}
+
+}  // namespace
+
+void hcuda_r2d_rweight(float* out, const float* in, unsigned int nx, unsigned int ny, float rc, float soft) {
+  demand_even(nx, __func__, __LINE__);
+  demand_even(ny, __func__, __LINE__);
+  float2* d_f = d_alloc_float2(half_count(nx, ny));
+  hcuda_2d_fft_r2c_normz(in, d_f, nx, ny);
+  hcuda_c2dh_rweight_inplace(d_f, nx / 2 + 1, ny, rc, soft);
+  hcuda_2d_fft_c2r_normz(d_f, out, nx, ny);
+  device_free(d_f);
+}
+
+void hcuda_r2d_rweight_inplace(float* a, unsigned int nx, unsigned int ny, float rc, float soft) {
+  demand_even(nx, __func__, __LINE__);
+  demand_even(ny, __func__, __LINE__);
+  float2* d_f = d_alloc_float2(half_count(nx, ny));
+  hcuda_2d_fft_r2c_normz(a, d_f, nx, ny);
+  hcuda_c2dh_rweight_inplace(d_f, nx / 2 + 1, ny, rc, soft);
+  hcuda_2d_fft_c2r_normz(d_f, a, nx, ny);
+  device_free(d_f);
 }
