@@ -8,6 +8,7 @@
 
 #include "device/cuda_general.h"
 #include "device/launch.h"
+#include "device/math_utils.h"
 #include "device/report.h"
 
 namespace {
@@ -227,6 +228,37 @@ void cpu_x2d_cp_smalls_to_large(float* large, const float* smalls, int nxl, int 
   for (int k = 0; k < n; ++k)
     cpu_x2d_cp_small_to_large(large, smalls + (size_t)k * nxs * nys, nxl, nyl, nxs, nys, origins[k].x,
                               origins[k].y);
+}
+
+void cpu_x2d_cp_ptcls_to_micrograph(float* mic, int nx, int ny, const float* stack, int bx, int by,
+                                    const PTCL_BOX* boxes, int n) {
+  for (int k = 0; k < n; ++k)
+    cpu_x2d_cp_small_to_large(mic, stack + (size_t)k * bx * by, nx, ny, bx, by, boxes[k].x, boxes[k].y);
+}
+
+void cpu_x2d_norm_cp_ptcls_to_micrograph(float* mic, int nx, int ny, const float* stack, const float* ref, int bx,
+                                         int by, const PTCL_BOX* boxes, int n) {
+  const size_t nb = npix(bx, by);
+  std::vector<float> r, p, slice(nb);
+  r.reserve(nb);
+  p.reserve(nb);
+  for (int k = 0; k < n; ++k) {
+    // The fit sees only the part of the box that lies on the micrograph.
+    r.clear();
+    p.clear();
+    for (int y = 0; y < by; ++y)
+      for (int x = 0; x < bx; ++x) {
+        const int mx = boxes[k].x + x, my = boxes[k].y + y;
+        if (mx < 0 || my < 0 || mx >= nx || my >= ny) continue;
+        r.push_back(ref[k * nb + (size_t)y * bx + x]);
+        p.push_back(mic[(size_t)my * nx + mx]);
+      }
+    if (r.empty()) continue;
+    float fk, fb;
+    cpu_x2d_get_linear_norm_factors(r.data(), p.data(), (int)r.size(), 1, fk, fb);
+    for (size_t i = 0; i < nb; ++i) slice[i] = stack[k * nb + i] * fk + fb;
+    cpu_x2d_cp_small_to_large(mic, slice.data(), nx, ny, bx, by, boxes[k].x, boxes[k].y);
+  }
 }
 
 HDI void cuda_2d_mirror_pad(int x, int y, float* out, const float* in, int nx, int ny) {
@@ -699,4 +731,337 @@ void cpu_2d_norm_by_reference_inplace(float* a, const float* ref, int nx, int ny
   float k, b;
   cpu_x2d_get_linear_norm_factors(a, ref, nx, ny, k, b);
   cpu_2d_linear_norm_kb_inplace(a, nx, ny, k, b);
+}
+
+// ===========================================================================
+// Resampling
+// ===========================================================================
+
+// The outside rule: 0 for a position off [0, nx-1] by [0, ny-1], the limits
+// inside; the bilinear sample otherwise.
+HDI float zk_sample_or_zero(const float* in, int nx, int ny, float xs, float ys) {
+  if (xs < 0.0f || xs > (float)(nx - 1) || ys < 0.0f || ys > (float)(ny - 1)) return 0.0f;
+  return hd_2d_frac_value(in, nx, xs, ys);
+}
+
+HDI void zk_sincos_deg(float psi, float* s, float* c) { hd_sincosf(psi * 0.017453292f, s, c); }
+
+HDI void cuda_2d_rotate_anycenter(int x, int y, const float* in, float* out, int nx, int ny, float cx, float cy,
+                                  float psi) {
+  float s, c;
+  zk_sincos_deg(psi, &s, &c);
+  const float dx = (float)x - cx, dy = (float)y - cy;
+  const float xs = cx + (dx * c + dy * s);
+  const float ys = cy + (dy * c - dx * s);
+  out[(size_t)y * nx + x] = zk_sample_or_zero(in, nx, ny, xs, ys);
+}
+
+HDI void cuda_2d_rotate(int x, int y, const float* in, float* out, int nx, int ny, float psi) {
+  cuda_2d_rotate_anycenter(x, y, in, out, nx, ny, (float)(nx - 1) * 0.5f, (float)(ny - 1) * 0.5f, psi);
+}
+
+void hcuda_2d_rotate(const float* in, float* out, int nx, int ny, float psi) {
+  launch_2d(nx, ny, [=] HD(int x, int y) { cuda_2d_rotate(x, y, in, out, nx, ny, psi); });
+}
+
+void hcuda_2d_rotate_anycenter(const float* in, float* out, int nx, int ny, float cx, float cy, float psi) {
+  launch_2d(nx, ny, [=] HD(int x, int y) { cuda_2d_rotate_anycenter(x, y, in, out, nx, ny, cx, cy, psi); });
+}
+
+HDI void cuda_2d_translate(int x, int y, const float* in, float* out, int nx, int ny, float tx, float ty) {
+  out[(size_t)y * nx + x] = zk_sample_or_zero(in, nx, ny, (float)x - tx, (float)y - ty);
+}
+
+void hcuda_2d_translate(const float* in, float* out, int nx, int ny, float tx, float ty) {
+  launch_2d(nx, ny, [=] HD(int x, int y) { cuda_2d_translate(x, y, in, out, nx, ny, tx, ty); });
+}
+void hcuda_2d_translate_x(const float* in, float* out, int nx, int ny, float tx) {
+  launch_2d(nx, ny, [=] HD(int x, int y) { cuda_2d_translate(x, y, in, out, nx, ny, tx, 0.0f); });
+}
+void hcuda_2d_translate_y(const float* in, float* out, int nx, int ny, float ty) {
+  launch_2d(nx, ny, [=] HD(int x, int y) { cuda_2d_translate(x, y, in, out, nx, ny, 0.0f, ty); });
+}
+
+HDI void cuda_2d_rotate_translate(int x, int y, const float* in, float* out, int nx, int ny, float psi, float tx,
+                                  float ty) {
+  float s, c;
+  zk_sincos_deg(psi, &s, &c);
+  const float cx = (float)(nx - 1) * 0.5f, cy = (float)(ny - 1) * 0.5f;
+  const float dx = ((float)x - tx) - cx, dy = ((float)y - ty) - cy;
+  out[(size_t)y * nx + x] = zk_sample_or_zero(in, nx, ny, cx + (dx * c + dy * s), cy + (dy * c - dx * s));
+}
+
+HDI void cuda_2d_translate_rotate(int x, int y, const float* in, float* out, int nx, int ny, float tx, float ty,
+                                  float psi) {
+  float s, c;
+  zk_sincos_deg(psi, &s, &c);
+  const float cx = (float)(nx - 1) * 0.5f, cy = (float)(ny - 1) * 0.5f;
+  const float dx = (float)x - cx, dy = (float)y - cy;
+  const float xs = cx + (dx * c + dy * s) - tx;
+  const float ys = cy + (dy * c - dx * s) - ty;
+  out[(size_t)y * nx + x] = zk_sample_or_zero(in, nx, ny, xs, ys);
+}
+
+void hcuda_2d_rotate_translate(const float* in, float* out, int nx, int ny, float psi, float tx, float ty) {
+  launch_2d(nx, ny, [=] HD(int x, int y) { cuda_2d_rotate_translate(x, y, in, out, nx, ny, psi, tx, ty); });
+}
+void hcuda_2d_translate_rotate(const float* in, float* out, int nx, int ny, float tx, float ty, float psi) {
+  launch_2d(nx, ny, [=] HD(int x, int y) { cuda_2d_translate_rotate(x, y, in, out, nx, ny, tx, ty, psi); });
+}
+
+// The source of output pixel (x, y) is m applied to (x - cx, y - cy), plus
+// the centre; m has been inverted before when it maps input to output.
+HDI void cuda_2d_transform(int x, int y, const float* in, float* out, int nx, int ny, double cx, double cy,
+                           RT_Mat2D m) {
+  const double dx = x - cx, dy = y - cy;
+  const double xs = cx + m.R11 * dx + m.R12 * dy + m.Tx;
+  const double ys = cy + m.R21 * dx + m.R22 * dy + m.Ty;
+  out[(size_t)y * nx + x] = zk_sample_or_zero(in, nx, ny, (float)xs, (float)ys);
+}
+
+void hcuda_2d_transform(const float* in, float* out, int nx, int ny, float cx, float cy, RT_Mat2D m, int inverse) {
+  if (inverse == 0) {
+    const double det = m.R11 * m.R22 - m.R12 * m.R21;
+    if (det == 0.0) ZK_FATAL("Singular transform matrix");
+    RT_Mat2D v;
+    v.R11 = m.R22 / det;
+    v.R12 = -m.R12 / det;
+    v.R21 = -m.R21 / det;
+    v.R22 = m.R11 / det;
+    v.Tx = -(v.R11 * m.Tx + v.R12 * m.Ty);
+    v.Ty = -(v.R21 * m.Tx + v.R22 * m.Ty);
+    m = v;
+  }
+  const double dcx = cx, dcy = cy;
+  launch_2d(nx, ny, [=] HD(int x, int y) { cuda_2d_transform(x, y, in, out, nx, ny, dcx, dcy, m); });
+}
+
+// Samples along the arc through the pixel about (cx, cy), from -range/2 to
+// +range/2 degrees in steps of one pixel of arc length.
+HDI void cuda_2d_rotate_ave_anycenter(int x, int y, const float* in, float* out, int nx, int ny, float cx, float cy,
+                                      float range) {
+  const float dx = (float)x - cx, dy = (float)y - cy;
+  const float r = sqrtf(dx * dx + dy * dy);
+  const float half = range * 0.5f * 0.017453292f;
+  int steps = r > 0.0f ? (int)(half * r) : 0;
+  float sum = 0.0f;
+  int count = 0;
+  for (int k = -steps; k <= steps; ++k) {
+    float s, c;
+    hd_sincosf(r > 0.0f ? (float)k / r : 0.0f, &s, &c);
+    const float xs = cx + (dx * c + dy * s), ys = cy + (dy * c - dx * s);
+    if (xs < 0.0f || xs > (float)(nx - 1) || ys < 0.0f || ys > (float)(ny - 1)) continue;
+    sum = sum + hd_2d_frac_value(in, nx, xs, ys);
+    ++count;
+  }
+  out[(size_t)y * nx + x] = count > 0 ? sum / (float)count : 0.0f;
+}
+
+void hcuda_2d_rotate_ave_anycenter(const float* in, float* out, int nx, int ny, float cx, float cy, float range) {
+  launch_2d(nx, ny, [=] HD(int x, int y) { cuda_2d_rotate_ave_anycenter(x, y, in, out, nx, ny, cx, cy, range); });
+}
+
+// Output (x, y) of the (nxo, nyo) image samples the input at the point that
+// shares the images' centre: offsets from the centre scaled by 1/f.
+HDI void cuda_2d_scale(int x, int y, float* out, const float* in, int nx, int ny, int nxo, int nyo, float inv_f) {
+  const float sx = (float)(nx - 1) * 0.5f + inv_f * ((float)x - (float)(nxo - 1) * 0.5f);
+  const float sy = (float)(ny - 1) * 0.5f + inv_f * ((float)y - (float)(nyo - 1) * 0.5f);
+  out[(size_t)y * nxo + x] = zk_sample_or_zero(in, nx, ny, sx, sy);
+}
+
+void hcuda_2d_scale(float* out, const float* in, int nx, int ny, float f) {
+  const int nxo = get_2d_scaled_size(nx, f), nyo = get_2d_scaled_size(ny, f);
+  const float inv_f = 1.0f / f;
+  launch_2d(nxo, nyo, [=] HD(int x, int y) { cuda_2d_scale(x, y, out, in, nx, ny, nxo, nyo, inv_f); });
+}
+
+void hcuda_2ds_scale(float* out, const float* in, int nx, int ny, int nz, float f) {
+  const size_t no = npix(get_2d_scaled_size(nx, f), get_2d_scaled_size(ny, f));
+  for (int k = 0; k < nz; ++k) hcuda_2d_scale(out + k * no, in + k * npix(nx, ny), nx, ny, f);
+}
+
+void gpu_2d_scale(float* out, const float* in, int nx, int ny, float f) { gpu_2ds_scale(out, in, nx, ny, 1, f); }
+
+void gpu_2ds_scale(float* out, const float* in, int nx, int ny, int nz, float f) {
+  const size_t ni = npix(nx, ny), no = npix(get_2d_scaled_size(nx, f), get_2d_scaled_size(ny, f));
+  float* d_in = d_alloc_float(ni);
+  float* d_out = d_alloc_float(no);
+  for (int k = 0; k < nz; ++k) {
+    ZK_CHECK(memcpy_H2D(d_in, in + k * ni, ni * sizeof(float)));
+    hcuda_2d_scale(d_out, d_in, nx, ny, f);
+    ZK_CHECK(memcpy_D2H(out + k * no, d_out, no * sizeof(float)));
+  }
+  device_free(d_in);
+  device_free(d_out);
+}
+
+// ===========================================================================
+// Soft circular masks
+// ===========================================================================
+
+// One rule for both forms; only the soft edge differs: hd_guasf on the device
+// (0.39894229 at r), hd_guasf1 on the host (1 at r).
+HDI float zk_rmask_value(float d2, float r, float soft, bool host_edge) {
+  const float outer = r + soft;
+  if (d2 > outer * outer) return 0.0f;
+  if (d2 <= r * r) return 1.0f;
+  const float d = sqrtf(d2) - r;
+  return host_edge ? hd_guasf1(d, soft / 3.0f) : hd_guasf(d, soft / 3.0f);
+}
+
+HDI void cuda_2d_generate_rmask_soft(int x, int y, float* mask, int nx, float cx, float cy, float r, float soft,
+                                     bool host_edge) {
+  const float dx = (float)x - cx, dy = (float)y - cy;
+  mask[(size_t)y * nx + x] = zk_rmask_value(dx * dx + dy * dy, r, soft, host_edge);
+}
+
+void hcuda_2d_generate_rmask_soft(float* mask, int nx, int ny, float cx, float cy, float r, float soft) {
+  launch_2d(nx, ny, [=] HD(int x, int y) { cuda_2d_generate_rmask_soft(x, y, mask, nx, cx, cy, r, soft, false); });
+}
+
+void cpu_2d_generate_rmask_soft(float* mask, int nx, int ny, float cx, float cy, float r, float soft) {
+  for (int y = 0; y < ny; ++y)
+    for (int x = 0; x < nx; ++x) cuda_2d_generate_rmask_soft(x, y, mask, nx, cx, cy, r, soft, true);
+}
+
+void gpu_2d_generate_rmask_soft(float* mask, int nx, int ny, float cx, float cy, float r, float soft) {
+  float* d_m = d_alloc_float(npix(nx, ny));
+  hcuda_2d_generate_rmask_soft(d_m, nx, ny, cx, cy, r, soft);
+  ZK_CHECK(memcpy_D2H(mask, d_m, npix(nx, ny) * sizeof(float)));
+  device_free(d_m);
+}
+
+void hcuda_2d_generate_central_rmask(float* mask, int nx, int ny, float r, float soft) {
+  hcuda_2d_generate_rmask_soft(mask, nx, ny, (float)(nx - 1) * 0.5f, (float)(ny - 1) * 0.5f, r, soft);
+}
+void cpu_2d_generate_central_rmask(float* mask, int nx, int ny, float r, float soft) {
+  cpu_2d_generate_rmask_soft(mask, nx, ny, (float)(nx - 1) * 0.5f, (float)(ny - 1) * 0.5f, r, soft);
+}
+void hcuda_2d_generate_central_sharp_rmask(float* mask, int nx, int ny, float r) {
+  hcuda_2d_generate_central_rmask(mask, nx, ny, r, 0.0f);
+}
+
+namespace {
+
+// The host mask of a call, allocated and filled.
+std::vector<float> host_rmask(int nx, int ny, float cx, float cy, float r, float soft) {
+  std::vector<float> m(npix(nx, ny));
+  cpu_2d_generate_rmask_soft(m.data(), nx, ny, cx, cy, r, soft);
+  return m;
+}
+
+}  // namespace
+
+void cpu_2d_normz_withRmask(float* out, const float* in, int nx, int ny, float cx, float cy, float r, float soft) {
+  std::vector<float> m = host_rmask(nx, ny, cx, cy, r, soft);
+  hm_normz_withmask(out, in, m.data(), m.size());
+}
+void cpu_2d_normz_withRmask_inplace(float* a, int nx, int ny, float cx, float cy, float r, float soft) {
+  std::vector<float> m = host_rmask(nx, ny, cx, cy, r, soft);
+  hm_normz_withmask_inplace(a, m.data(), m.size());
+}
+void cpu_2d_normz_withRmask_applymask(float* out, const float* in, int nx, int ny, float cx, float cy, float r,
+                                      float soft) {
+  std::vector<float> m = host_rmask(nx, ny, cx, cy, r, soft);
+  hm_normz_withmask_applymask(out, in, m.data(), m.size());
+}
+void cpu_2d_normz_withRmask_applymask_inplace(float* a, int nx, int ny, float cx, float cy, float r, float soft) {
+  std::vector<float> m = host_rmask(nx, ny, cx, cy, r, soft);
+  hm_normz_withmask_applymask_inplace(a, m.data(), m.size());
+}
+
+float cpu_x2d_ccc_with2maskfs(const float* a, const float* ma, const float* b, const float* mb, int nx, int ny) {
+  const size_t n = npix(nx, ny);
+  std::vector<float> m(n), ca(a, a + n), cb(b, b + n);
+  for (size_t i = 0; i < n; ++i) m[i] = ma[i] * mb[i];
+  hm_normz_withmask_applymask_inplace(ca.data(), m.data(), n);
+  hm_normz_withmask_applymask_inplace(cb.data(), m.data(), n);
+  return hm_ccc_norm_inplace(ca.data(), cb.data(), n);
+}
+
+// ===========================================================================
+// Unary functions with the shared single-precision routines
+// ===========================================================================
+
+void hcuda_2d_pow(float* out, const float* in, int nx, int ny, float p) {
+  ZK_LAUNCH_PIXELS(nx, ny, out[i] = hd_powf(in[i], p));
+}
+void hcuda_2d_exp(float* out, const float* in, int nx, int ny) { ZK_LAUNCH_PIXELS(nx, ny, out[i] = hd_expf(in[i])); }
+void hcuda_2d_log(float* out, const float* in, int nx, int ny) { ZK_LAUNCH_PIXELS(nx, ny, out[i] = hd_logf(in[i])); }
+void hcuda_2d_logf(float* out, const float* in, int nx, int ny) { ZK_LAUNCH_PIXELS(nx, ny, out[i] = hd_logf(in[i])); }
+void hcuda_2d_log2(float* out, const float* in, int nx, int ny) {
+  ZK_LAUNCH_PIXELS(nx, ny, out[i] = hd_log2f(in[i]));
+}
+void hcuda_2d_log10(float* out, const float* in, int nx, int ny) {
+  ZK_LAUNCH_PIXELS(nx, ny, out[i] = hd_log10f(in[i]));
+}
+void hcuda_2d_pow_inplace(float* a, int nx, int ny, float p) { hcuda_2d_pow(a, a, nx, ny, p); }
+void hcuda_2d_exp_inplace(float* a, int nx, int ny) { hcuda_2d_exp(a, a, nx, ny); }
+void hcuda_2d_log_inplace(float* a, int nx, int ny) { hcuda_2d_log(a, a, nx, ny); }
+void hcuda_2d_logf_inplace(float* a, int nx, int ny) { hcuda_2d_logf(a, a, nx, ny); }
+void hcuda_2d_log2_inplace(float* a, int nx, int ny) { hcuda_2d_log2(a, a, nx, ny); }
+void hcuda_2d_log10_inplace(float* a, int nx, int ny) { hcuda_2d_log10(a, a, nx, ny); }
+
+void hcuda_2d_log_subbg_boxconv_inplace(float* a, int nx, int ny, int b) {
+  hcuda_2d_logf_inplace(a, nx, ny);
+  float* bg = d_alloc_float(npix(nx, ny));
+  hcuda_2d_convolution_by_box(a, bg, nx, ny, b, b);
+  hcuda_x2d_sub_inplace(a, bg, nx, ny);
+  device_free(bg);
+}
+
+// ===========================================================================
+// Hot pixels and low frequencies
+// ===========================================================================
+
+// Reads the untouched copy, so a replaced pixel never feeds its neighbour.
+HDI void cuda_2d_rm_hotpixels_inplace(int x, int y, float* a, const float* orig, int nx, int ny, float mean,
+                                      float limit) {
+  const size_t i = (size_t)y * nx + x;
+  if (fabsf(orig[i] - mean) > limit) a[i] = hd_2d_ave_nb8(orig, nx, ny, x, y, 1);
+}
+
+void hcuda_2ds_rm_hotpixels_inplace(float* a, int nx, int ny, int nz, float k) {
+  const size_t n = npix(nx, ny);
+  float* d_a = d_alloc_float(n);
+  float* d_orig = d_alloc_float(n);
+  for (int z = 0; z < nz; ++z) {
+    ZK_CHECK(memcpy_H2D(d_a, a + z * n, n * sizeof(float)));
+    ZK_CHECK(memcpy_D2D(d_orig, d_a, n * sizeof(float)));
+    const float m = hcuda_fast_mean(d_a, n);
+    const float limit = hcuda_stdv(d_a, n) * k;
+    launch_2d(nx, ny, [=] HD(int x, int y) { cuda_2d_rm_hotpixels_inplace(x, y, d_a, d_orig, nx, ny, m, limit); });
+    ZK_CHECK(memcpy_D2H(a + z * n, d_a, n * sizeof(float)));
+    printf(".");
+    fflush(stdout);
+  }
+  printf("\n");
+  device_free(d_a);
+  device_free(d_orig);
+}
+
+// The radius of the resolution q at pixel size p on a half plane of nxh columns.
+HDI float zk_lowfreq_radius(int nxh, float p, float q) { return 2.0f * (float)(nxh - 1) * p / q; }
+
+HDI void cuda_2dh_low_frequency(int x, int y, float* a, int nxh, int ny, float r0, bool zero) {
+  const float dy = (float)(y - ny / 2);
+  const float r = sqrtf((float)x * (float)x + dy * dy);
+  if (r >= r0) return;
+  const size_t i = (size_t)y * nxh + x;
+  a[i] = zero ? 0.0f : a[i] * hd_guasf1(r0 - r, r0 / 3.0f);
+}
+
+void hcuda_2dh_smooth_low_frequency_inplace(float* a, int nxh, int ny, float p, float q) {
+  const float r0 = zk_lowfreq_radius(nxh, p, q);
+  launch_2d(nxh, ny, [=] HD(int x, int y) { cuda_2dh_low_frequency(x, y, a, nxh, ny, r0, false); });
+}
+void cpu_2dh_smooth_low_frequency_inplace(float* a, int nxh, int ny, float p, float q) {
+  const float r0 = zk_lowfreq_radius(nxh, p, q);
+  for (int y = 0; y < ny; ++y)
+    for (int x = 0; x < nxh; ++x) cuda_2dh_low_frequency(x, y, a, nxh, ny, r0, false);
+}
+void cpu_2dh_zero_low_frequency_inplace(float* a, int nxh, int ny, float p, float q) {
+  const float r0 = zk_lowfreq_radius(nxh, p, q);
+  for (int y = 0; y < ny; ++y)
+    for (int x = 0; x < nxh; ++x) cuda_2dh_low_frequency(x, y, a, nxh, ny, r0, true);
 }

@@ -11,6 +11,7 @@
 #include <cstddef>
 
 #include "device/hd.h"
+#include "formats/boxfile.h"
 
 // An affine map of the plane: rotation part R, then translation (Tx, Ty).
 struct RT_Mat2D {
@@ -63,6 +64,14 @@ void cpu_x2d_cp_small_to_large(float* large, const float* small, int nxl, int ny
 // One copy of the n smalls of a stack for each origin.
 void cpu_x2d_cp_smalls_to_large(float* large, const float* smalls, int nxl, int nyl, int nxs, int nys,
                                 const int2* origins, int n);
+// Pastes slice k of a stack of bx by by images over the micrograph with its
+// corner at (boxes[k].x, boxes[k].y), clipped to the micrograph.
+void cpu_x2d_cp_ptcls_to_micrograph(float* mic, int nx, int ny, const float* stack, int bx, int by,
+                                    const PTCL_BOX* boxes, int n);
+// The same, each slice first changed by the linear factors k, b that fit the
+// reference slice k (ref*k + b) to the micrograph's patch under the box.
+void cpu_x2d_norm_cp_ptcls_to_micrograph(float* mic, int nx, int ny, const float* stack, const float* ref, int bx,
+                                         int by, const PTCL_BOX* boxes, int n);
 // 2nx by 2ny: in(x, y) at (x, y), (2nx-1-x, y), (x, 2ny-1-y), (2nx-1-x, 2ny-1-y).
 void hcuda_2d_mirror_pad(float* out, const float* in, int nx, int ny);
 float* d_get_2d_mirror_pad(const float* in, int nx, int ny);
