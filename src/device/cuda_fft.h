@@ -22,7 +22,8 @@ typedef ZkFftPlanRec* ZkFftPlan;
 
 ZkFftPlan zk_fft_plan_r2c(int nx, int ny, int batch);
 ZkFftPlan zk_fft_plan_c2r(int nx, int ny, int batch);
-// Forward: batch real images in, batch half spectra out.  in and out must not overlap.
+// Forward: batch real images in, batch half spectra out.  in and out must not
+// overlap; on the GPU both must be 8-byte aligned (cuFFT refuses others).
 void zk_fft_exec_r2c(ZkFftPlan plan, const float* in, float2* out);
 // Inverse: batch half spectra in (destroyed), batch real images out.
 void zk_fft_exec_c2r(ZkFftPlan plan, float2* in, float* out);
