@@ -234,10 +234,12 @@ TEST(Cli, RunOrderFromEchoToClosingBanner) {
   }
   EXPECT_EQ(out.substr(out.size() - 128), std::string(127, '-') + "\n");
 
-  // No result exists until picking does: nothing is written beside the micrographs.
+  // Every micrograph gets its raw candidates and both results beside it.
   std::string ls;
   zk_run("ls " + dir.path, &ls);
-  EXPECT_EQ(ls, "a.mrc\nb.mrcs\n");
+  EXPECT_EQ(ls,
+            "a.mrc\na_nonunique.box\na_zavik.box\na_zavik.star\n"
+            "b.mrcs\nb_nonunique.box\nb_zavik.box\nb_zavik.star\n");
 }
 
 TEST(Cli, FirstNameUnusableSecondStandsInEntryZero) {

@@ -9,6 +9,7 @@
 #include <cstddef>
 
 #include "device/hd.h"
+#include "device/report.h"
 
 enum class ZkBackend { Host, Gpu };
 

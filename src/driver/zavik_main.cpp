@@ -19,6 +19,7 @@
 // The driver reports in the name of main, the program's one entry.
 #define MAIN_FATAL(msg) zk_fatal("main", zk_basename(__FILE__), __LINE__, (msg))
 #define MAIN_FOPEN_READ(name) zk_fopen_read((name), "r", "main", zk_basename(__FILE__), __LINE__)
+#define MAIN_FOPEN_WRITE(name) zk_fopen_write((name), "w+", "main", zk_basename(__FILE__), __LINE__)
 
 namespace {
 
@@ -40,6 +41,10 @@ void vet_or_exit(const char* mic, FILE* fp, const MRC_HEAD* head) {
     fflush(stdout);
     exit(1);
   }
+}
+
+bool same_size_and_mode(const MRC_HEAD* a, const MRC_HEAD* b) {
+  return a->nx == b->nx && a->ny == b->ny && a->nz == b->nz && a->mode == b->mode;
 }
 
 // Step 9 of the start-up: every run-long buffer, once, for the first
@@ -115,15 +120,17 @@ bool read_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic) {
     return false;
   }
 
-  // The raw candidate file opens here with "w+" and stays open through the
-  // template loop; it comes with the peak search:
-  //   run->fp_nonunique = zk_fopen_write(run->nonunique_name, "w+", "main", ...);
-  run->fp_nonunique = nullptr;
-
+  // A micrograph that cannot be read as one (a short file, an absurd head)
+  // ends the run before anything is written for it.  One of another size or
+  // mode is left to the size check below, after the raw candidate file has
+  // been created as usual.
   run->fp_mic = MAIN_FOPEN_READ(mic);
   mrc_read_head(run->fp_mic, &run->head);
+  if (same_size_and_mode(&run->head, &run->head_first)) vet_or_exit(mic, run->fp_mic, &run->head);
+
+  // The raw candidates of all templates; open through the template loop.
+  run->fp_nonunique = MAIN_FOPEN_WRITE(run->nonunique_name);
   check_mrc_head_sizes_two(para->first_mic, mic, &run->head_first, &run->head);
-  vet_or_exit(mic, run->fp_mic, &run->head);
   printf("Reading File %s ...\n", mic);
   mrc_read_slice(run->fp_mic, &run->head, 0, 'z', run->h_raw);
 

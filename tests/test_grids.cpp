@@ -1,0 +1,171 @@
+// Peak grids on hand-made score maps: the cell scan's tie rules, the filter's
+// cutoff, exclusion and neighbour competition, and the raw output lines.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "backend_fixture.h"
+#include "device/cuda_general.h"
+#include "picking/zavik56_grids.h"
+#include "test_util.h"
+
+namespace {
+
+struct GridResult {
+  std::vector<unsigned int> index;
+  std::vector<float> cc, psi;
+};
+
+// Runs the driver's finder and filter on a host score map.  ice holds the
+// rejected positions (0 for none), one word per cell.
+GridResult find_filter(const std::vector<float>& map, const std::vector<float>& psi, int nx, int ny, int G,
+                       float cutoff, std::vector<unsigned int> ice = {}) {
+  const int cells = ((nx + G - 1) / G) * ((ny + G - 1) / G);
+  if (ice.empty()) ice.assign(cells, 0u);
+  float* d_map = d_alloc_float(map.size());
+  float* d_psi = d_alloc_float(map.size());
+  unsigned int* d_ice = d_alloc_uint(cells);
+  memcpy_H2D(d_map, map.data(), map.size() * sizeof(float));
+  memcpy_H2D(d_psi, psi.data(), psi.size() * sizeof(float));
+  memcpy_H2D(d_ice, ice.data(), cells * sizeof(unsigned int));
+  GridResult r;
+  r.index.resize(cells);
+  r.cc.resize(cells);
+  r.psi.resize(cells);
+  gpu_find_filter_ccmax_psi_grids_exclusive(d_map, d_psi, r.index.data(), r.cc.data(), r.psi.data(), cutoff, nx, ny,
+                                            G, d_ice, (unsigned int)cells);
+  device_free(d_map);
+  device_free(d_psi);
+  device_free(d_ice);
+  return r;
+}
+
+unsigned int at(int x, int y, int nx) { return (unsigned int)(y * nx + x); }
+
+}  // namespace
+
+class Grids : public BackendTest {};
+
+TEST_P(Grids, CellMaximumTiesAndTheFirstPixelRule) {
+  const int nx = 30, ny = 30, G = 10;  // 3 x 3 cells
+  std::vector<float> map(nx * ny, 0.0f), psi(nx * ny, 0.0f);
+  // Cell (1,1): two equal maxima; the first in row order is kept, with its angle.
+  map[at(16, 13, nx)] = 0.9f;
+  psi[at(16, 13, nx)] = 15.0f;
+  map[at(12, 14, nx)] = 0.9f;
+  psi[at(12, 14, nx)] = 25.0f;
+  // Cell (2,1): its maximum on its own first pixel: no candidate.
+  map[at(20, 10, nx)] = 0.8f;
+  map[at(25, 15, nx)] = 0.7f;
+  // Cell (2,2): a maximum at the far corner.
+  map[at(29, 29, nx)] = 0.6f;
+  GridResult r = find_filter(map, psi, nx, ny, G, 0.1f);
+  EXPECT_EQ(r.index[4], at(16, 13, nx));
+  EXPECT_EQ(r.psi[4], 15.0f);
+  EXPECT_FLOAT_EQ(r.cc[4], 0.9f);
+  EXPECT_EQ(r.index[5], 0u);
+  EXPECT_FLOAT_EQ(r.cc[5], 0.8f);  // the grid still holds the first pixel's score
+  EXPECT_EQ(r.index[7], 0u);       // a constant cell has no candidate
+  EXPECT_EQ(r.index[8], at(29, 29, nx));
+}
+
+TEST_P(Grids, CutoffEqualityStaysAndLowerScoresGo) {
+  const int nx = 30, ny = 30, G = 10;
+  std::vector<float> map(nx * ny, -1.0f), psi(nx * ny, 0.0f);
+  map[at(15, 15, nx)] = 0.25f;  // centre cell, alone
+  GridResult r = find_filter(map, psi, nx, ny, G, 0.25f);
+  EXPECT_EQ(r.index[4], at(15, 15, nx));
+  r = find_filter(map, psi, nx, ny, G, 0.2500001f);
+  EXPECT_EQ(r.index[4], 0u);
+  // With cutoff 0 a negative maximum is still rejected.
+  std::fill(map.begin(), map.end(), -2.0f);
+  map[at(15, 15, nx)] = -0.5f;
+  r = find_filter(map, psi, nx, ny, G, 0.0f);
+  EXPECT_EQ(r.index[4], 0u);
+}
+
+TEST_P(Grids, NeighboursCompeteWithinTheCellDiagonal) {
+  const int nx = 40, ny = 40, G = 10;  // limit 2*G*G = 200
+  std::vector<float> map(nx * ny, 0.0f), psi(nx * ny, 0.0f);
+  // Cells (1,1) and (2,1): positions 12 apart in x and 2 in y: d2 = 148 < 200.
+  map[at(18, 15, nx)] = 0.5f;
+  map[at(21, 13, nx)] = 0.7f;
+  GridResult r = find_filter(map, psi, nx, ny, G, 0.1f);
+  EXPECT_EQ(r.index[1 * 4 + 1], 0u);
+  EXPECT_EQ(r.index[1 * 4 + 2], at(21, 13, nx));
+  // Equal scores: both stay for the box filter to decide.
+  map[at(18, 15, nx)] = 0.7f;
+  r = find_filter(map, psi, nx, ny, G, 0.1f);
+  EXPECT_EQ(r.index[5], at(18, 15, nx));
+  EXPECT_EQ(r.index[6], at(21, 13, nx));
+  // Exactly the diagonal apart (d2 = 10^2 + 10^2 = 200): no competition.
+  std::fill(map.begin(), map.end(), 0.0f);
+  map[at(15, 12, nx)] = 0.4f;
+  map[at(25, 22, nx)] = 0.9f;  // cell (2,2)
+  r = find_filter(map, psi, nx, ny, G, 0.1f);
+  EXPECT_EQ(r.index[5], at(15, 12, nx));
+  EXPECT_EQ(r.index[10], at(25, 22, nx));
+}
+
+TEST_P(Grids, AChainIsDecidedFromTheCandidatesBeforeThePass) {
+  // A < B < C in adjacent cells, B within reach of both: C removes B, and B
+  // still removes A, since the filter reads the candidates as they were
+  // before any verdict.  The outcome is the same on every run and back end.
+  const int nx = 50, ny = 20, G = 10;
+  std::vector<float> map(nx * ny, 0.0f), psi(nx * ny, 0.0f);
+  map[at(17, 5, nx)] = 0.3f;  // A, cell 1
+  map[at(24, 5, nx)] = 0.5f;  // B, cell 2
+  map[at(31, 5, nx)] = 0.9f;  // C, cell 3
+  GridResult r = find_filter(map, psi, nx, ny, G, 0.1f);
+  EXPECT_EQ(r.index[1], 0u);
+  EXPECT_EQ(r.index[2], 0u);
+  EXPECT_EQ(r.index[3], at(31, 5, nx));
+}
+
+TEST_P(Grids, RejectedPositionsRemoveCandidatesWithinReach) {
+  const int nx = 40, ny = 40, G = 10;
+  const int cells = 16;
+  std::vector<float> map(nx * ny, 0.0f), psi(nx * ny, 0.0f);
+  map[at(25, 25, nx)] = 0.9f;  // cell 10
+  map[at(35, 5, nx)] = 0.8f;   // cell 3
+  map[at(5, 5, nx)] = 0.8f;    // cell 0, near pixel (0, 0)
+  std::vector<unsigned int> ice(cells, 0u);
+  // An entry of another cell, 13 away in x and 4 in y: d2 = 185 < 200.
+  ice[9] = at(12, 21, nx);
+  GridResult r = find_filter(map, psi, nx, ny, G, 0.1f, ice);
+  EXPECT_EQ(r.index[10], 0u);
+  EXPECT_EQ(r.index[3], at(35, 5, nx));
+  // Empty entries stand for position (0, 0): the candidate at (5, 5) is
+  // within the diagonal of it (d2 = 50).
+  EXPECT_EQ(r.index[0], 0u);
+}
+
+TEST_P(Grids, LastCellsAreClippedToTheImage) {
+  const int nx = 25, ny = 25, G = 10;  // 3 x 3 cells, the last 5 wide
+  std::vector<float> map(nx * ny, 0.0f), psi(nx * ny, 0.0f);
+  map[at(24, 24, nx)] = 0.5f;
+  psi[at(24, 24, nx)] = 355.0f;
+  GridResult r = find_filter(map, psi, nx, ny, G, 0.1f);
+  ASSERT_EQ(r.index.size(), 9u);
+  EXPECT_EQ(r.index[8], at(24, 24, nx));
+  EXPECT_EQ(r.psi[8], 355.0f);
+}
+
+ZK_BACKEND_SUITE(Grids);
+
+TEST(GridOutput, LinesOfCandidatesWhoseBoxLiesInside) {
+  ZkTmpDir dir;
+  const std::string name = dir / "m_nonunique.box";
+  FILE* fp = fopen(name.c_str(), "w+");
+  const int nx = 100, ny = 100, b = 21;  // half 10
+  std::vector<unsigned int> index = {at(11, 50, nx), at(10, 50, nx), at(89, 89, nx), at(90, 50, nx), 0u};
+  std::vector<float> cc = {0.5f, 0.6f, 0.123456789f, 0.7f, 0.9f};
+  std::vector<float> psi = {5.0f, 10.0f, 355.0f, 0.0f, 0.0f};
+  output_zavik_coord_one_temp(fp, index.data(), cc.data(), psi.data(), 2, 5, nx, ny, b);
+  fclose(fp);
+  EXPECT_EQ(zk_slurp(name),
+            "1       40      21      21      0.500000\t2       \t5.000   \n"
+            "79      79      21      21      0.123457\t2       \t355.000 \n");
+}

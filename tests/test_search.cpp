@@ -1,0 +1,155 @@
+// The rotational search: the score's normalisation, its sign and centre
+// convention for even and odd templates, the recovered angle, and the update
+// rule between angles.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "backend_fixture.h"
+#include "device/cuda_general.h"
+#include "picking/zavik56_search.h"
+
+namespace {
+
+// An asymmetric smooth shape in template coordinates (u, v) from its centre.
+double shape(double u, double v) {
+  return exp(-((u - 3) * (u - 3) + v * v) / 8.0) + 0.6 * exp(-((u + 2) * (u + 2) + (v - 4) * (v - 4)) / 5.0);
+}
+
+struct SearchOut {
+  std::vector<float> cc, psi;
+};
+
+SearchOut search(const std::vector<float>& mic, const std::vector<float>& mask, int n, const std::vector<float>& T,
+                 int Tx, int Ty, float R, float step, float end = 359.0f) {
+  const size_t nn = (size_t)n * n;
+  float* d_mic = d_alloc_float(nn);
+  float* d_mask = d_alloc_float(nn);
+  float* d_cc = d_alloc_float(nn);
+  float* d_psi = d_alloc_float(nn);
+  float* d_T = d_alloc_float(T.size());
+  memcpy_H2D(d_mic, mic.data(), nn * 4);
+  memcpy_H2D(d_mask, mask.data(), nn * 4);
+  memcpy_H2D(d_T, T.data(), T.size() * 4);
+  zavik_ccmax_psi_by_one_template(d_mic, d_mask, d_cc, d_psi, 1, n, n, d_T, Tx, Ty, R, 0.0f, end, step);
+  SearchOut o;
+  o.cc.resize(nn);
+  o.psi.resize(nn);
+  memcpy_D2H(o.cc.data(), d_cc, nn * 4);
+  memcpy_D2H(o.psi.data(), d_psi, nn * 4);
+  for (float* p : {d_mic, d_mask, d_cc, d_psi, d_T}) device_free(p);
+  return o;
+}
+
+size_t argmax(const std::vector<float>& v) {
+  size_t b = 0;
+  for (size_t i = 1; i < v.size(); ++i)
+    if (v[i] > v[b]) b = i;
+  return b;
+}
+
+}  // namespace
+
+class Search : public BackendTest {};
+
+// A micrograph that holds one copy of the template: at the copy's place the
+// score is sum(T^2) / D with D^2 = sum(T^2) * pi R^2 * sum(m^2 w) / sum(w).
+TEST_P(Search, ScoreOfAPlacedCopyEvenTemplate) {
+  const int n = 64, Tn = 16;
+  std::vector<float> T(Tn * Tn);
+  for (int y = 0; y < Tn; ++y)
+    for (int x = 0; x < Tn; ++x) T[y * Tn + x] = (float)shape(x - 7.5, y - 7.5);
+  std::vector<float> mic(n * n, 0.0f), mask(n * n, 1.0f);
+  // Template pixel (Tx/2, Ty/2) on micrograph pixel (20, 37).
+  const int px = 20, py = 37;
+  for (int y = 0; y < Tn; ++y)
+    for (int x = 0; x < Tn; ++x) mic[(py - Tn / 2 + y) * n + (px - Tn / 2 + x)] = T[y * Tn + x];
+  for (int i = 0; i < n * 4; ++i) mask[i] = 0.0f;  // rejected rows shape only D
+  const float R = 6.5f;
+  SearchOut o = search(mic, mask, n, T, Tn, Tn, R, 360.0f);
+  double st = 0, sm = 0, sw = 0;
+  for (float v : T) st += (double)v * v;
+  for (int i = 0; i < n * n; ++i) {
+    sm += (double)mic[i] * mic[i] * mask[i];
+    sw += mask[i];
+  }
+  const double expect = st / sqrt(st * M_PI * R * R * sm / sw);
+  ASSERT_EQ(argmax(o.cc), (size_t)(py * n + px));
+  EXPECT_NEAR(o.cc[py * n + px], expect, 1e-5 * expect);
+  EXPECT_EQ(o.psi[py * n + px], 0.0f);
+}
+
+// For an odd template the score's origin is template pixel (n/2 - ox) with
+// ox = (n - Tx)/2 truncated: pixel 8 of 15, half a pixel off its centre 7.
+TEST_P(Search, OddTemplateCentreConventionAndSign) {
+  const int n = 64, Tn = 15;
+  std::vector<float> T(Tn * Tn);
+  for (int y = 0; y < Tn; ++y)
+    for (int x = 0; x < Tn; ++x) T[y * Tn + x] = (float)shape(x - 7.0, y - 7.0);
+  std::vector<float> mic(n * n, 0.0f), mask(n * n, 1.0f);
+  const int px = 41, py = 22, o8 = n / 2 - (n - Tn) / 2;
+  ASSERT_EQ(o8, 8);
+  for (int y = 0; y < Tn; ++y)
+    for (int x = 0; x < Tn; ++x) mic[(py - o8 + y) * n + (px - o8 + x)] = -T[y * Tn + x];  // dark copy
+  SearchOut o = search(mic, mask, n, T, Tn, Tn, 5.0f, 360.0f);
+  size_t lo = 0;
+  for (size_t i = 1; i < o.cc.size(); ++i)
+    if (o.cc[i] < o.cc[lo]) lo = i;
+  EXPECT_EQ(lo, (size_t)(py * n + px));
+  EXPECT_LT(o.cc[lo], 0.0f);
+}
+
+// The micrograph holds the shape turned by 30 degrees (content from +x toward
+// +y); the search in steps of 10 degrees finds 30 at the shape's centre.
+TEST_P(Search, RecoversTheAngleOfARotatedCopy) {
+  const int n = 96, Tn = 24;
+  std::vector<float> T(Tn * Tn);
+  const double c = (Tn - 1) / 2.0;
+  for (int y = 0; y < Tn; ++y)
+    for (int x = 0; x < Tn; ++x) T[y * Tn + x] = (float)shape(x - c, y - c);
+  const double th = 30.0 * M_PI / 180.0, cx = 50 - 0.5, cy = 45 - 0.5;  // template (Tx/2, Ty/2) on (50, 45)
+  std::vector<float> mic(n * n), mask(n * n, 1.0f);
+  for (int y = 0; y < n; ++y)
+    for (int x = 0; x < n; ++x) {
+      const double dx = x - cx, dy = y - cy;
+      mic[y * n + x] = (float)shape(dx * cos(th) + dy * sin(th), dy * cos(th) - dx * sin(th));
+    }
+  testing::internal::CaptureStdout();
+  SearchOut o = search(mic, mask, n, T, Tn, Tn, 10.0f, 10.0f);
+  const std::string dots = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(dots, std::string(36, '.') + "\n");  // 0, 10, ..., 350
+  const size_t best = argmax(o.cc);
+  EXPECT_EQ(best, (size_t)(45 * n + 50));
+  EXPECT_EQ(o.psi[best], 30.0f);
+}
+
+TEST_P(Search, UpdateKeepsTheEarlierAngleAtEqualScoresAndIgnoresNaN) {
+  const int n = 3;
+  std::vector<float> cc0 = {1, 2, 3, 4, 5, 6, 7, 8, 9}, psi0(9, 5.0f);
+  std::vector<float> cc1 = {1, 3, 2, NAN, 6, 6, 6, 6, 6};
+  float* d_max = d_alloc_float(9);
+  float* d_cc = d_alloc_float(9);
+  float* d_psi = d_alloc_float(9);
+  memcpy_H2D(d_max, cc0.data(), 36);
+  memcpy_H2D(d_cc, cc1.data(), 36);
+  memcpy_H2D(d_psi, psi0.data(), 36);
+  hcuda_update_ccmax_psi_2d(d_max, d_cc, d_psi, 10.0f, n, n);
+  std::vector<float> m(9), p(9);
+  memcpy_D2H(m.data(), d_max, 36);
+  memcpy_D2H(p.data(), d_psi, 36);
+  std::vector<float> em = {1, 3, 3, 4, 6, 6, 7, 8, 9}, ep = {5, 10, 5, 5, 10, 5, 5, 5, 5};
+  EXPECT_EQ(m, em);
+  EXPECT_EQ(p, ep);
+  for (float* q : {d_max, d_cc, d_psi}) device_free(q);
+}
+
+ZK_BACKEND_SUITE(Search);
+
+TEST(SearchDivisor, AreaInDoubleThenSingleProducts) {
+  // R = 48.507 at the defaults: area pi R^2 in double, then float products.
+  const float R = 48.507f;
+  const float area = (float)((double)R * 3.141592653589793 * (double)R);
+  EXPECT_EQ(zavik_score_divisor(2.0f, 3.0f, 4.0f, R), sqrtf(2.0f * 3.0f * area / 4.0f));
+  EXPECT_NEAR(zavik_score_divisor(1.0f, 1.0f, 1.0f, 1.0f), sqrt(M_PI), 1e-6);
+}
