@@ -92,3 +92,21 @@ TEST(DeviceRuntimeHost, HostStandsInWithANote) {
   std::string out = testing::internal::GetCapturedStdout();
   EXPECT_EQ(out.rfind("GPU memory usage:  total = ", 0), 0u) << out;
 }
+
+TEST_P(DeviceRuntime, FreedBlocksServeTheNextAllocationOfTheirSize) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "blocks go straight back under AddressSanitizer";
+#endif
+  float* a = d_alloc_float(12345);
+  device_free(a);
+  float* b = d_alloc_float(12345);
+  EXPECT_EQ(a, b);  // the same work area again: nothing new per micrograph
+  float* c = d_alloc_float(99999);
+  EXPECT_NE(c, b);
+  device_free(b);
+  device_free(c);
+  zk_release_cached_memory();
+  float* d = d_alloc_float(16);
+  hcuda_memset_float(d, 1.0f, 16);  // still usable after the release
+  device_free(d);
+}

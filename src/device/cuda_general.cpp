@@ -5,6 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <mutex>
+#include <unordered_map>
 
 #include "device/launch.h"
 #include "device/report.h"
@@ -111,14 +114,97 @@ int zk_set_device(int gid) {
   return 0;
 }
 
-int safe_cudaMalloc(void** p, size_t bytes) {
+// Work areas of the same sizes come and go with every micrograph.  Freed
+// blocks are kept by size and handed out again, so that after the first
+// micrograph a run allocates nothing more: no growth, and no time spent in
+// the platform's allocator or in page faults.  Under AddressSanitizer blocks
+// go straight back, so that a use after free is still caught.
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kPoolOn = false;
+#else
+constexpr bool kPoolOn = true;
+#endif
+
+struct BlockPool {
+  std::mutex m;
+  std::unordered_map<void*, size_t> live;  // block -> its size class
+  std::multimap<size_t, void*> spare;      // size class -> kept block
+  size_t spare_bytes = 0;
+};
+BlockPool g_pools[2];  // host, GPU
+// Kept bytes above this are given back at once.
+constexpr size_t kSpareCap = (size_t)6 << 30;
+
+size_t size_class(size_t bytes) { return ((bytes ? bytes : 1) + 255) / 256 * 256; }
+BlockPool& pool() { return g_pools[zk_on_gpu() ? 1 : 0]; }
+
+void* raw_alloc(size_t bytes) {
 #if defined(ZAVIK_HAVE_CUDA)
   if (zk_on_gpu()) {
-    if (cudaMalloc(p, bytes ? bytes : 1) != cudaSuccess) ZK_FATAL("Device memory allocation failed");
-    return 0;
+    void* p = nullptr;
+    if (cudaMalloc(&p, bytes) != cudaSuccess) {
+      cudaGetLastError();
+      return nullptr;
+    }
+    return p;
   }
 #endif
-  *p = host_alloc(bytes);
+  return host_alloc(bytes);
+}
+
+void raw_free(void* p) {
+#if defined(ZAVIK_HAVE_CUDA)
+  if (zk_on_gpu()) {
+    cudaFree(p);
+    return;
+  }
+#endif
+  free(p);
+}
+
+void release_spare(BlockPool& bp) {
+  for (auto& kv : bp.spare) raw_free(kv.second);
+  bp.spare.clear();
+  bp.spare_bytes = 0;
+}
+
+// A block of at least bytes, or null when the platform has none left even
+// after the kept blocks are given back.
+void* pool_alloc(size_t bytes) {
+  const size_t cls = size_class(bytes);
+  BlockPool& bp = pool();
+  std::lock_guard<std::mutex> lock(bp.m);
+  auto it = bp.spare.find(cls);
+  void* p = nullptr;
+  if (kPoolOn && it != bp.spare.end()) {
+    p = it->second;
+    bp.spare.erase(it);
+    bp.spare_bytes -= cls;
+  } else {
+    p = raw_alloc(cls);
+    if (!p) {
+      release_spare(bp);
+      p = raw_alloc(cls);
+    }
+    if (!p) return nullptr;
+  }
+  bp.live[p] = cls;
+  return p;
+}
+
+}  // namespace
+
+void zk_release_cached_memory() {
+  for (BlockPool& bp : g_pools) {
+    std::lock_guard<std::mutex> lock(bp.m);
+    release_spare(bp);
+  }
+}
+
+int safe_cudaMalloc(void** p, size_t bytes) {
+  *p = pool_alloc(bytes);
   if (!*p) ZK_FATAL("Device memory allocation failed");
   return 0;
 }
@@ -130,15 +216,7 @@ int safe_cudaMalloc_empty(void** p, size_t bytes) {
 }
 
 int cudaMalloc_empty(void** p, size_t bytes) {
-#if defined(ZAVIK_HAVE_CUDA)
-  if (zk_on_gpu()) {
-    cudaError_t st = cudaMalloc(p, bytes ? bytes : 1);
-    if (st != cudaSuccess) return (int)st;
-    hcuda_empty(*p, bytes);
-    return 0;
-  }
-#endif
-  *p = host_alloc(bytes);
+  *p = pool_alloc(bytes);
   if (!*p) return 2;  // the platform's "out of memory"
   hcuda_empty(*p, bytes);
   return 0;
@@ -146,13 +224,18 @@ int cudaMalloc_empty(void** p, size_t bytes) {
 
 void device_free(void* p) {
   if (!p) return;
-#if defined(ZAVIK_HAVE_CUDA)
-  if (zk_on_gpu()) {
-    cudaFree(p);
-    return;
+  BlockPool& bp = pool();
+  std::lock_guard<std::mutex> lock(bp.m);
+  auto it = bp.live.find(p);
+  if (it == bp.live.end()) return;  // not ours: nothing to give back
+  const size_t cls = it->second;
+  bp.live.erase(it);
+  if (kPoolOn && bp.spare_bytes + cls <= kSpareCap) {
+    bp.spare.emplace(cls, p);
+    bp.spare_bytes += cls;
+  } else {
+    raw_free(p);
   }
-#endif
-  free(p);
 }
 
 float* d_alloc_float(size_t n) {

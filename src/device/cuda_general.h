@@ -40,8 +40,11 @@ int safe_cudaMalloc(void** p, size_t bytes);
 int safe_cudaMalloc_empty(void** p, size_t bytes);
 // Allocation that returns the platform's status; cleared on success.
 int cudaMalloc_empty(void** p, size_t bytes);
-// Releases memory from the allocators above (null is allowed).
+// Releases memory from the allocators above (null is allowed).  Blocks are
+// kept and handed out again for the same size; see zk_release_cached_memory.
 void device_free(void* p);
+// Gives every kept block back to the platform.
+void zk_release_cached_memory();
 
 // Typed shorthands of safe_cudaMalloc.
 float* d_alloc_float(size_t n);
