@@ -153,3 +153,64 @@ TEST(SearchDivisor, AreaInDoubleThenSingleProducts) {
   EXPECT_EQ(zavik_score_divisor(2.0f, 3.0f, 4.0f, R), sqrtf(2.0f * 3.0f * area / 4.0f));
   EXPECT_NEAR(zavik_score_divisor(1.0f, 1.0f, 1.0f, 1.0f), sqrt(M_PI), 1e-6);
 }
+
+// The whole-run search gives the one-template search's bits, whatever its
+// shortcuts: kept spectra or not, one or several host threads, GPU batches.
+TEST_P(Search, RunSearchEqualsTheOneTemplateSearchBitForBit) {
+  const int n = 80, Tx = 17, Ty = 17, Nt = 2;
+  std::vector<float> T(Nt * Tx * Ty), mic(n * n), mask(n * n, 1.0f);
+  unsigned int s = 12345;
+  auto rnd = [&s]() {
+    s = s * 1103515245u + 12345u;
+    return ((s >> 9) & 0xFFFF) / 65536.0f - 0.5f;
+  };
+  for (float& v : mic) v = rnd();
+  for (int t = 0; t < Nt; ++t)
+    for (int y = 0; y < Ty; ++y)
+      for (int x = 0; x < Tx; ++x) T[(t * Ty + y) * Tx + x] = (float)shape(x - 8.0 + t, y - 8.0) + 0.05f * rnd();
+  for (int i = 0; i < n * 10; ++i) mask[i] = 0.0f;
+  const size_t nn = (size_t)n * n;
+  float* d_mic = d_alloc_float(nn);
+  float* d_mask = d_alloc_float(nn);
+  float* d_T = d_alloc_float(T.size());
+  float* d_cc = d_alloc_float(nn);
+  float* d_psi = d_alloc_float(nn);
+  memcpy_H2D(d_mic, mic.data(), nn * 4);
+  memcpy_H2D(d_mask, mask.data(), nn * 4);
+  memcpy_H2D(d_T, T.data(), T.size() * 4);
+  const float R = 7.3f, step = 7.0f;
+  std::vector<std::vector<float>> ref_cc(Nt, std::vector<float>(nn)), ref_psi = ref_cc;
+  testing::internal::CaptureStdout();
+  for (int t = 0; t < Nt; ++t) {
+    zavik_ccmax_psi_by_one_template(d_mic, d_mask, d_cc, d_psi, 1, n, n, d_T + t * Tx * Ty, Tx, Ty, R, 0.0f, 359.0f,
+                                    step);
+    memcpy_D2H(ref_cc[t].data(), d_cc, nn * 4);
+    memcpy_D2H(ref_psi[t].data(), d_psi, nn * 4);
+  }
+  const std::string ref_dots = testing::internal::GetCapturedStdout();
+  struct Case {
+    bool keep;
+    int threads, batch;
+  };
+  for (Case c : {Case{true, 1, 16}, Case{false, 1, 1}, Case{true, 2, 5}, Case{false, 3, 16}, Case{true, 4, 52}}) {
+    ZkSearchOptions opt;
+    opt.keep_spectra = c.keep;
+    opt.host_threads = c.threads;
+    opt.gpu_batch = c.batch;
+    ZkSearchBank* bank = zavik_search_bank_create(d_T, Nt, Tx, Ty, n, n, R, 0.0f, 359.0f, step, opt);
+    EXPECT_EQ(zavik_search_bank_kept(bank), c.keep ? Nt : 0);
+    zavik_search_bank_set_micrograph(bank, d_mic, d_mask);
+    testing::internal::CaptureStdout();
+    for (int t = 0; t < Nt; ++t) {
+      zavik_search_bank_run(bank, t, d_cc, d_psi, 1);
+      std::vector<float> cc(nn), psi(nn);
+      memcpy_D2H(cc.data(), d_cc, nn * 4);
+      memcpy_D2H(psi.data(), d_psi, nn * 4);
+      EXPECT_EQ(memcmp(cc.data(), ref_cc[t].data(), nn * 4), 0) << "scores, template " << t << " threads " << c.threads;
+      EXPECT_EQ(memcmp(psi.data(), ref_psi[t].data(), nn * 4), 0) << "angles, template " << t;
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), ref_dots);
+    zavik_search_bank_destroy(bank);
+  }
+  for (float* p : {d_mic, d_mask, d_T, d_cc, d_psi}) device_free(p);
+}

@@ -345,12 +345,6 @@ void gpu_2ds_fft_r2c(const float* in, float2* out, unsigned int nx, unsigned int
 // Products and origin swaps
 // ===========================================================================
 
-HDI void cuda_c2d_multconj_norm(int x, int y, const float2* a, const float2* b, float2* out, int nxh, float scale) {
-  const int i = y * nxh + x;
-  const float ar = a[i].x, ai = a[i].y, br = b[i].x, bi = b[i].y;
-  out[i] = make_f2((ar * br + ai * bi) / scale, (ai * br - ar * bi) / scale);
-}
-
 void hcuda_c2d_multconj_norm(const float2* a, const float2* b, float2* out, unsigned int nxh, unsigned int ny,
                              float scale) {
   const int w = (int)nxh;

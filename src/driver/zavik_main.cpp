@@ -153,6 +153,7 @@ void pick_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic) {
   zk_clock_close(clock, "NORMALIZATION");
 
   zk_clock_open(clock);
+  zavik_stage_begin_picking(run);
   for (int t = 0; t < run->Nt; ++t) {
     printf("Template %03d\n", t + 1);
     zavik_stage_search_template(run, t);
@@ -222,6 +223,7 @@ int zavik_main(int argc, char** argv) {
   zavik_stage_load_templates(&run);
   allocate_run_buffers(&run);
   zavik_stage_upload_templates(&run);
+  zavik_stage_prepare_search(&run);
   zk_clock_close(&clock, "PREPARATION");
 
   for (int i = 0; i < para.n_files; ++i) {
@@ -230,7 +232,9 @@ int zavik_main(int argc, char** argv) {
     pick_micrograph(&run, &clock, mic);
   }
 
+  zavik_stage_finish_search(&run);
   free_run_buffers(&run);
+  zk_release_cached_memory();
   put_line('#', 129, "\n");
   printf("All %d files finished successfully:\n", para.n_files);
   free(para.first_mic);

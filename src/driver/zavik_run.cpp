@@ -1,5 +1,10 @@
 #include "driver/zavik_run.h"
 
+ZkRunShortcuts& zavik_shortcuts() {
+  static ZkRunShortcuts shortcuts;
+  return shortcuts;
+}
+
 void zavik_run_set_geometry(ZkRun* run) {
   const int shrink = run->para->shrink;
   run->Nx = run->head_first.nx;

@@ -10,6 +10,15 @@
 #include "formats/boxfile.h"
 #include "formats/mrcfile.h"
 #include "formats/str_utils.h"
+#include "picking/zavik56_search.h"
+
+// Ways of running that leave every output byte the same.  All are on in a
+// normal run; the tests turn them off one by one to show the sameness.
+struct ZkRunShortcuts {
+  bool run_search = true;  // the search of a whole run (else one template at a time)
+  ZkSearchOptions search;  // kept spectra, host threads, GPU batches
+};
+ZkRunShortcuts& zavik_shortcuts();
 
 struct ZkRun {
   Zavik_Para* para;
@@ -55,6 +64,8 @@ struct ZkRun {
   char bgfree_name[ZK_TXT_LEN];
   char ccmax_name[ZK_TXT_LEN];
 
+  ZkSearchBank* bank;  // the run's search, when zavik_shortcuts().run_search
+
   FILE* fp_mic;        // open from reading to the end of picking
   FILE* fp_nonunique;  // raw candidates, open through the template loop
 };
@@ -74,6 +85,11 @@ void zavik_stage_upload_templates(ZkRun* run);
 // Shrink, pre-filter, normalise, detect ice, exclude, band-pass, mask: d_mic,
 // d_ice and d_mask of the current micrograph, and their diagnostic images.
 void zavik_stage_normalize(ZkRun* run);
+// The run's search: made once after the templates are on the device.
+void zavik_stage_prepare_search(ZkRun* run);
+void zavik_stage_finish_search(ZkRun* run);
+// The micrograph's part of the search, once before its templates.
+void zavik_stage_begin_picking(ZkRun* run);
 // Search with template t, its peaks into fp_nonunique, and its map kept in
 // h_ccmax_stack under --write_ccmax_mic.
 void zavik_stage_search_template(ZkRun* run, int t);

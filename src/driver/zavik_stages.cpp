@@ -15,12 +15,33 @@ void zavik_stage_upload_templates(ZkRun*) {}
 
 void zavik_stage_normalize(ZkRun*) {}
 
+void zavik_stage_prepare_search(ZkRun* run) {
+  const Zavik_Para* para = run->para;
+  run->bank = nullptr;
+  if (!zavik_shortcuts().run_search) return;
+  run->bank = zavik_search_bank_create(run->d_T, run->Nt, run->Tx, run->Ty, run->L, run->L, para->T_radius,
+                                       para->psi_start, para->psi_end, para->ang_step, zavik_shortcuts().search);
+}
+
+void zavik_stage_finish_search(ZkRun* run) {
+  zavik_search_bank_destroy(run->bank);
+  run->bank = nullptr;
+}
+
+void zavik_stage_begin_picking(ZkRun* run) {
+  if (run->bank) zavik_search_bank_set_micrograph(run->bank, run->d_mic, run->d_mask);
+}
+
 void zavik_stage_search_template(ZkRun* run, int t) {
   const Zavik_Para* para = run->para;
   const int L = run->L;
   const size_t LL = (size_t)L * L, TT = (size_t)run->Tx * run->Ty;
-  zavik_ccmax_psi_by_one_template(run->d_mic, run->d_mask, run->d_ccmax, run->d_psi, 1, L, L, run->d_T + t * TT,
-                                  run->Tx, run->Ty, para->T_radius, para->psi_start, para->psi_end, para->ang_step);
+  if (run->bank)
+    zavik_search_bank_run(run->bank, t, run->d_ccmax, run->d_psi, 1);
+  else
+    zavik_ccmax_psi_by_one_template(run->d_mic, run->d_mask, run->d_ccmax, run->d_psi, 1, L, L, run->d_T + t * TT,
+                                    run->Tx, run->Ty, para->T_radius, para->psi_start, para->psi_end,
+                                    para->ang_step);
   gpu_find_filter_ccmax_psi_grids_exclusive(run->d_ccmax, run->d_psi, run->grid_index, run->grid_cc, run->grid_psi,
                                             para->cc_cutoff, L, L, run->G, run->d_ice,
                                             (unsigned int)(run->Gx * run->Gy));
