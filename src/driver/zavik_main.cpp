@@ -1,9 +1,13 @@
 // The picker's run: parameters, the first usable micrograph and the geometry
 // it fixes, the run-long buffers, then the road of every micrograph through
 // READING, NORMALIZATION and PICKING, and the closing banner.
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
+#include <utility>
 
 #include "device/cuda_general.h"
 #include "device/report.h"
@@ -105,9 +109,64 @@ void set_output_names(ZkRun* run, const char* mic) {
   set_outname_by_suffix(run->ccmax_name, mic, "_ccmax.mrc");
 }
 
+// The next micrograph's slice 0, read by a second thread while the current
+// one is searched.  It only reads: every message, check and output stays with
+// the road of that micrograph, which takes the samples when the file it opened
+// is the file that was read, and reads them itself otherwise.
+struct Prefetch {
+  std::thread worker;
+  bool busy = false;
+  bool ok = false;
+  int index = -1;
+  struct stat id;
+  float* samples = nullptr;  // Nx * Ny
+};
+
+void prefetch_start(Prefetch& pf, const ZkRun* run, int index, const char* mic) {
+  if (!pf.samples) pf.samples = (float*)host_alloc((size_t)run->Nx * run->Ny * sizeof(float));
+  pf.index = index;
+  pf.ok = false;
+  pf.busy = true;
+  const MRC_HEAD first = run->head_first;
+  pf.worker = std::thread([&pf, first, mic]() {
+    FILE* fp = fopen(mic, "rb");
+    if (!fp) return;
+    MRC_HEAD head;
+    struct stat id;
+    if (fstat(fileno(fp), &id) == 0 && mrc_read_head(fp, &head) == 0 && same_size_and_mode(&head, &first) &&
+        mrc_mode_readable(head.mode) &&
+        (long long)id.st_size >= 1024LL + (long long)head.nx * head.ny * mrc_mode_bytes(head.mode)) {
+      mrc_read_slice(fp, &head, 0, 'z', pf.samples);
+      pf.id = id;
+      pf.ok = true;
+    }
+    fclose(fp);
+  });
+}
+
+void prefetch_wait(Prefetch& pf) {
+  if (pf.busy) pf.worker.join();
+  pf.busy = false;
+}
+
+// True, with the samples moved into h_raw, when the prefetch read the very
+// file that fp is open on, unchanged since.
+bool prefetch_take(Prefetch& pf, int index, FILE* fp, float*& h_raw) {
+  prefetch_wait(pf);
+  if (!pf.ok || pf.index != index) return false;
+  struct stat id;
+  if (fstat(fileno(fp), &id) != 0) return false;
+  if (id.st_dev != pf.id.st_dev || id.st_ino != pf.id.st_ino || id.st_size != pf.id.st_size ||
+      id.st_mtim.tv_sec != pf.id.st_mtim.tv_sec || id.st_mtim.tv_nsec != pf.id.st_mtim.tv_nsec)
+    return false;
+  std::swap(h_raw, pf.samples);
+  pf.ok = false;
+  return true;
+}
+
 // READING: names, the skip rule, head check, slice 0, exclusion file.
 // Returns false when the micrograph is skipped.
-bool read_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic) {
+bool read_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic, Prefetch& pf, int index) {
   const Zavik_Para* para = run->para;
   zk_clock_open(clock);
   putchar('\n');
@@ -132,7 +191,7 @@ bool read_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic) {
   run->fp_nonunique = MAIN_FOPEN_WRITE(run->nonunique_name);
   check_mrc_head_sizes_two(para->first_mic, mic, &run->head_first, &run->head);
   printf("Reading File %s ...\n", mic);
-  mrc_read_slice(run->fp_mic, &run->head, 0, 'z', run->h_raw);
+  if (!prefetch_take(pf, index, run->fp_mic, run->h_raw)) mrc_read_slice(run->fp_mic, &run->head, 0, 'z', run->h_raw);
 
   run->n_excluded = 0;
   if (!is_str_null(run->excluded_name) && check_file_access(run->excluded_name, "FR") == 0) {
@@ -226,11 +285,16 @@ int zavik_main(int argc, char** argv) {
   zavik_stage_prepare_search(&run);
   zk_clock_close(&clock, "PREPARATION");
 
+  Prefetch pf;
   for (int i = 0; i < para.n_files; ++i) {
     const char* mic = para.files[i];
-    if (!read_micrograph(&run, &clock, mic)) continue;
+    if (!read_micrograph(&run, &clock, mic, pf, i)) continue;
+    prefetch_wait(pf);
+    if (zavik_shortcuts().prefetch && i + 1 < para.n_files) prefetch_start(pf, &run, i + 1, para.files[i + 1]);
     pick_micrograph(&run, &clock, mic);
   }
+  prefetch_wait(pf);
+  free(pf.samples);
 
   zavik_stage_finish_search(&run);
   free_run_buffers(&run);

@@ -17,6 +17,7 @@
 struct ZkRunShortcuts {
   bool run_search = true;  // the search of a whole run (else one template at a time)
   ZkSearchOptions search;  // kept spectra, host threads, GPU batches
+  bool prefetch = true;    // the next micrograph read while the current one is searched
 };
 ZkRunShortcuts& zavik_shortcuts();
 
