@@ -57,6 +57,11 @@ struct ZkRun {
 
   FILE* fp_mic;        // open from reading to the end of picking
   FILE* fp_nonunique;  // raw candidates, open through the template loop
+
+  // Set by NORMALIZATION when every grid cell of the current micrograph is
+  // rejected (the mask sums to 0): the masked statistics do not exist, so the
+  // micrograph is not searched and its results are empty.
+  int all_rejected;
 };
 
 // Geometry from head_first and the parameters (not G, Gx, Gy).
@@ -72,8 +77,9 @@ void zavik_stage_load_templates(ZkRun* run);
 // Each template normalised and copied to d_T; all inverted unless dont_invertT.
 void zavik_stage_upload_templates(ZkRun* run);
 // Shrink, pre-filter, normalise, detect ice, exclude, band-pass, mask: d_mic,
-// d_ice and d_mask of the current micrograph, and their diagnostic images.
-void zavik_stage_normalize(ZkRun* run);
+// d_ice and d_mask of the current micrograph mic, their diagnostic images, and
+// all_rejected.
+void zavik_stage_normalize(ZkRun* run, const char* mic);
 // Search with template t, its peaks into fp_nonunique, and its map kept in
 // h_ccmax_stack under --write_ccmax_mic.
 void zavik_stage_search_template(ZkRun* run, int t);
