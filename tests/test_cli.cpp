@@ -169,7 +169,7 @@ TEST(Cli, LaterMicrographOfAnotherSizeEndsTheRun) {
   write_mic(a, 64, 64);
   write_mic(b, 64, 48);
   std::string out;
-  EXPECT_EQ(run_zavik("--apixM 1.0 --diameter 40 " + a + " " + b, &out), 1);
+  EXPECT_EQ(run_zavik("--apixM 1.0 --diameter 20 " + a + " " + b, &out), 1);
   const std::string table = "Micrograph \x1b[1m" + a + "\x1b[m has a different size or format from  \x1b[1m" + b +
                             "\x1b[m.\nCheck if all the micrographs are the same sizes and format? \n "
                             "      Nx      Ny      Nz      Mode             File:\n"
@@ -184,7 +184,7 @@ TEST(Cli, LaterMicrographOfAnotherSizeEndsTheRun) {
 TEST(Cli, MissingLaterMicrographEndsTheRun) {
   ZkTmpDir dir;
   std::string a = dir / "a.mrc";
-  write_mic(a, 64, 64);
+  write_mic(a, 128, 128);
   std::string out;
   EXPECT_EQ(run_zavik("--apixM 1.0 --diameter 40 " + a + " " + dir / "gone.mrc", &out), 1);
   EXPECT_TRUE(has(out, "File " + a + " finished.\n"));
@@ -234,18 +234,19 @@ TEST(Cli, RunOrderFromEchoToClosingBanner) {
   }
   EXPECT_EQ(out.substr(out.size() - 128), std::string(127, '-') + "\n");
 
-  // Every micrograph gets its raw candidates and both results beside it.
+  // Every micrograph gets its raw candidates, both results and the rejected
+  // cells of ice detection beside it.
   std::string ls;
   zk_run("ls " + dir.path, &ls);
   EXPECT_EQ(ls,
-            "a.mrc\na_nonunique.box\na_zavik.box\na_zavik.star\n"
-            "b.mrcs\nb_nonunique.box\nb_zavik.box\nb_zavik.star\n");
+            "a.mrc\na_nonunique.box\na_rejected.box\na_rejected.star\na_zavik.box\na_zavik.star\n"
+            "b.mrcs\nb_nonunique.box\nb_rejected.box\nb_rejected.star\nb_zavik.box\nb_zavik.star\n");
 }
 
 TEST(Cli, FirstNameUnusableSecondStandsInEntryZero) {
   ZkTmpDir dir;
   std::string a = dir / "a.mrc", b = dir / "b.mrc";
-  write_mic(b, 64, 64);
+  write_mic(b, 128, 128);
   std::string out;
   ASSERT_EQ(run_zavik("--apixM 1.0 --diameter 40 " + a + " " + b, &out), 0) << out;
   EXPECT_TRUE(has(out, "the micrograph " + a + " does NOT exsit! Automatically ignored!"));
@@ -257,8 +258,8 @@ TEST(Cli, FirstNameUnusableSecondStandsInEntryZero) {
 TEST(Cli, DoUnfinishedSkipsAMicrographWithAFinishedResult) {
   ZkTmpDir dir;
   std::string a = dir / "a.mrc", b = dir / "b.mrc";
-  write_mic(a, 64, 64);
-  write_mic(b, 64, 64);
+  write_mic(a, 128, 128);
+  write_mic(b, 128, 128);
   write_text(dir / "a_zavik.star", "");  // any file, even empty, under --write_star 0
   std::string out;
   ASSERT_EQ(run_zavik("--apixM 1.0 --diameter 40 --do_unfinished --write_star 0 " + a + " " + b, &out), 0) << out;
@@ -278,8 +279,8 @@ TEST(Cli, DoUnfinishedSkipsAMicrographWithAFinishedResult) {
 TEST(Cli, ExclusionFilesAreReadOrWarnedAbout) {
   ZkTmpDir dir;
   std::string a = dir / "a.mrc", b = dir / "b.mrc";
-  write_mic(a, 64, 64);
-  write_mic(b, 64, 64);
+  write_mic(a, 128, 128);
+  write_mic(b, 128, 128);
   write_text(dir / "a_bad.box", "10 10 20 20\n30 30 20 20\n5 40 20 20\n");
   std::string out;
   ASSERT_EQ(run_zavik("--apixM 1.0 --diameter 40 --exclusive_picking --excluded_suffix _bad.box " + a + " " + b, &out),

@@ -208,7 +208,7 @@ void pick_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic) {
   const Zavik_Para* para = run->para;
   zk_clock_open(clock);
   printf("Normalizing the micrograph %s ...\n", mic);
-  zavik_stage_normalize(run);
+  zavik_stage_normalize(run, mic);
   zk_clock_close(clock, "NORMALIZATION");
 
   zk_clock_open(clock);

@@ -1,19 +1,107 @@
 // The stages of a micrograph's road that the driver calls in their places.
-#include "driver/zavik_run.h"
+#include <cstdio>
+#include <cstring>
 
 #include "device/cuda_general.h"
+#include "device/math_utils.h"
 #include "device/process2d_mrc.h"
+#include "device/process2d_raw.h"
+#include "device/report.h"
+#include "driver/zavik_run.h"
+#include "formats/mrcfile.h"
+#include "picking/img_filter.h"
+#include "picking/zavik56_ice.h"
+#include "picking/zavik56_templates.h"
+
+// The driver reports in the name of main, the program's one entry.
+#define STAGE_FATAL(...)                                                 \
+  do {                                                                   \
+    char msg_[512];                                                      \
+    snprintf(msg_, sizeof msg_, __VA_ARGS__);                            \
+    zk_fatal("main", zk_basename(__FILE__), __LINE__, msg_);             \
+  } while (0)
 #include "picking/zavik56_grids.h"
 #include "picking/zavik56_search.h"
 
 void zavik_stage_load_templates(ZkRun* run) {
-  run->h_T_all = nullptr;
-  run->Tx = run->Ty = run->Nt = 0;
+  const Zavik_Para* para = run->para;
+  // The generated box is 4*trunc(T_radius) wide: nothing below one pixel.
+  if (is_str_null(para->T) && !(para->T_radius >= 1.0f))
+    STAGE_FATAL("The template radius of %.3f shrunk pixels (--diameter %.1f at speed %d) is below 1 pixel: use a "
+                "larger --diameter or a smaller --speed",
+                para->T_radius, para->diameter, para->speed);
+  run->h_T_all = get_or_create_template_data(run->Tx, run->Ty, run->Nt, para->T, para->T_radius, para->apixT,
+                                             para->apixM, para->shrink, para->center1_ratio);
+  if (run->Tx < 1 || run->Ty < 1 || run->Nt < 1)
+    STAGE_FATAL("The templates of %s leave %d x %d shrunk pixels at speed %d: use larger templates or a smaller "
+                "--speed",
+                para->T, run->Tx, run->Ty, para->speed);
+  // The search places each template inside the working square.
+  if (run->Tx > run->L || run->Ty > run->L)
+    STAGE_FATAL("The templates of %d x %d shrunk pixels do not fit the working image of %d x %d: use smaller "
+                "templates or a smaller --diameter",
+                run->Tx, run->Ty, run->L, run->L);
 }
 
-void zavik_stage_upload_templates(ZkRun*) {}
+void zavik_stage_upload_templates(ZkRun* run) {
+  const Zavik_Para* para = run->para;
+  const size_t TT = (size_t)run->Tx * run->Ty;
+  for (int t = 0; t < run->Nt; ++t) {
+    // h_T_all keeps the stack as read; each template is normalised on a copy.
+    memcpy(run->h_T, run->h_T_all + t * TT, TT * sizeof(float));
+    normalize_template_by_type(run->h_T, run->Tx, run->Ty, para->T_norm_type, para->T_radius, para->center1_ratio);
+    ZK_CHECK(memcpy_H2D(run->d_T + t * TT, run->h_T, TT * sizeof(float)));
+  }
+  // Dark particles by default: a positive template, generated ones included,
+  // scores high where the image is low.
+  if (!para->dont_invertT) hcuda_invert_inplace(run->d_T, (size_t)run->Nt * TT);
+}
 
-void zavik_stage_normalize(ZkRun*) {}
+void zavik_stage_normalize(ZkRun* run, const char* mic) {
+  const Zavik_Para* para = run->para;
+  const int L = run->L, G = run->G, shrink = para->shrink;
+  const size_t LL = (size_t)L * L;
+  const float apix_s = (float)shrink * para->apixM;
+  run->all_rejected = 0;
+
+  cpu_2d_meanshrink_extended_even_square(run->h_shrunk, run->h_raw, run->Nx, run->Ny, shrink);
+  ZK_CHECK(memcpy_H2D(run->d_mic, run->h_shrunk, LL * sizeof(float)));
+  // The first limit is the Nyquist resolution of the working image: a
+  // high-pass at pre_hp with a soft outer edge.
+  if (para->do_pre_filter)
+    hcuda_2d_bandpass_softR_mpad_inplace(run->d_mic, L, apix_s, (para->apixM + para->apixM) * (float)shrink,
+                                         para->pre_hp, 8.0f);
+  if (para->write_pref_mic) mrcf_write_xyz_ddata(run->pref_name, run->d_mic, L, L, 1);
+  hcuda_normz_inplace(run->d_mic, LL, 1.0f, 0.0f);
+
+  // Rejected cells: none left from the last micrograph, then ice, then the
+  // coordinates to keep clear of.
+  hcuda_empty(run->d_ice, (size_t)run->Gx * run->Gy * sizeof(unsigned int));
+  if (para->detect_ice) hcuda_2d_ice_detect(run->d_mic, L, L, run->origin, run->d_ice, mic, para);
+  if (para->mask_excluded && run->n_excluded > 0)
+    add_excluded_coords_to_ice(run->d_ice, L, L, G, run->boxes_excluded, run->n_excluded, shrink);
+  if (!is_str_null(para->global_excluded_box))
+    add_excluded_boxf_to_ice(run->d_ice, L, L, G, para->global_excluded_box, shrink);
+
+  if (para->do_bandpass) hcuda_2d_bandpass_guas_mpad_inplace(run->d_mic, L, apix_s, para->lp, para->hp);
+  hcuda_normz_inplace(run->d_mic, LL, 1.0f, 0.0f);
+  hcuda_2d_generate_mask_by_coords(run->d_mask, run->d_mic, L, L, G, run->d_ice, 0.0f);
+  if (para->write_mic_mask) mrcf_write_xyz_ddata(run->mask_name, run->d_mask, L, L, 1);
+
+  // With every cell rejected the mask sums to 0 and the masked mean and
+  // deviation would be 0/0: every score of the micrograph would be NaN.  The
+  // image keeps its plain normalisation instead, and the micrograph is marked
+  // so that PICKING writes empty results for it.
+  if (hcuda_fast_sum(run->d_mask, LL) == 0.0f) {
+    printf("Warning: every grid cell of micrograph %s is rejected by ice detection or exclusion; no particles will "
+           "be picked from it.\n",
+           mic);
+    run->all_rejected = 1;
+  } else {
+    hcuda_norm_withmask_inplace(run->d_mic, run->d_mask, LL, 1.0f, 0.0f);
+  }
+  if (para->write_bgfree_mic) mrcf_write_xyz_ddata(run->bgfree_name, run->d_mic, L, L, 1);
+}
 
 void zavik_stage_prepare_search(ZkRun* run) {
   const Zavik_Para* para = run->para;
@@ -29,13 +117,18 @@ void zavik_stage_finish_search(ZkRun* run) {
 }
 
 void zavik_stage_begin_picking(ZkRun* run) {
-  if (run->bank) zavik_search_bank_set_micrograph(run->bank, run->d_mic, run->d_mask);
+  if (run->bank && !run->all_rejected) zavik_search_bank_set_micrograph(run->bank, run->d_mic, run->d_mask);
 }
 
 void zavik_stage_search_template(ZkRun* run, int t) {
   const Zavik_Para* para = run->para;
   const int L = run->L;
   const size_t LL = (size_t)L * L, TT = (size_t)run->Tx * run->Ty;
+  if (run->all_rejected) {
+    // No free cell, so no score: nothing is searched and no candidate written.
+    if (para->write_ccmax_mic) memset(run->h_ccmax_stack + t * LL, 0, LL * sizeof(float));
+    return;
+  }
   if (run->bank)
     zavik_search_bank_run(run->bank, t, run->d_ccmax, run->d_psi, 1);
   else

@@ -1,0 +1,92 @@
+// Rejected cells of the working image: ice, carbon and aggregates found by
+// local statistics, coordinates the user wants kept clear of, and the cell
+// mask made from them.
+//
+// The rejected-cell list d_ice holds one unsigned word per cell of side g over
+// the nx by ny image, Gx = (nx + g - 1)/g cells a row (the last ones clipped by
+// the edge), cell (cx, cy) at index cy*Gx + cx.  Word 0 means free; any other
+// word is the pixel index y*nx + x of the rejected position in that cell.
+#pragma once
+#include "device/hd.h"
+#include "driver/zavik_para.h"
+#include "formats/boxfile.h"
+
+// Scan of one cell (cx, cy) in row order.  A pixel is a hit when its local
+// sigma rises above the running sigma and above lsigma_cutoff, or else its
+// local average falls below the running average and below lave_min, or else
+// rises above it and above lave_max.  Both running values start at the cell's
+// first pixel and move together at each hit; the word is the last hit.  So the
+// first pixel never hits, and a cell whose maps only fall is not marked.
+HDI void cuda_find_sigma_grids(int cx, int cy, const float* ave, const float* sigma, unsigned int* ice,
+                               float* cell_ave, float* cell_sigma, int nx, int ny, int g, int Gx, float lave_min,
+                               float lave_max, float lsigma_cutoff) {
+  const int x0 = cx * g, y0 = cy * g;
+  const int x1 = x0 + g < nx ? x0 + g : nx, y1 = y0 + g < ny ? y0 + g : ny;
+  const size_t p0 = (size_t)y0 * nx + x0;
+  float cs = sigma[p0], ca = ave[p0];
+  unsigned int word = 0;
+  for (int y = y0; y < y1; ++y)
+    for (int x = x0; x < x1; ++x) {
+      const size_t p = (size_t)y * nx + x;
+      const float s = sigma[p], a = ave[p];
+      bool hit;
+      if (cs < s && s > lsigma_cutoff)
+        hit = true;
+      else if (ca > a && a < lave_min)
+        hit = true;
+      else
+        hit = ca < a && a > lave_max;
+      if (hit) {
+        cs = s;
+        ca = a;
+        word = (unsigned int)p;
+      }
+    }
+  const size_t c = (size_t)cy * Gx + cx;
+  ice[c] = word;
+  cell_ave[c] = ca;
+  cell_sigma[c] = cs;
+}
+
+// Every pixel of cell (cx, cy), clipped to the image: v where the cell's word
+// is not 0, 1 - v where it is.
+HDI void cuda_2d_generate_mask_by_coords(int cx, int cy, float* mask, int nx, int ny, int g, int Gx,
+                                         const unsigned int* ice, float v) {
+  const float m = ice[(size_t)cy * Gx + cx] != 0 ? v : 1.0f - v;
+  const int x0 = cx * g, y0 = cy * g;
+  const int x1 = x0 + g < nx ? x0 + g : nx, y1 = y0 + g < ny ? y0 + g : ny;
+  for (int y = y0; y < y1; ++y)
+    for (int x = x0; x < x1; ++x) mask[(size_t)y * nx + x] = m;
+}
+
+// The ice stage on the normalised working image d_mic (not changed): local
+// sigma and local average maps over soft discs of radii lsigma_R and lave_R,
+// the cell scan into d_ice, then "_rejected.box", "_rejected.star", "_bg.mrc"
+// and "_lsigma.mrc" beside mic as the record asks.  The cell side is the run's
+// grid cell, zavik_grid_cell(para), for which d_ice is sized.  Returns 0.
+int hcuda_2d_ice_detect(const float* d_mic, int nx, int ny, int2 origin, unsigned int* d_ice, const char* mic,
+                        const Zavik_Para* para);
+// The cell scan, one thread a cell: d_ice, and the running average and sigma
+// of each cell's last hit (or first pixel) in cell_ave and cell_sigma.
+void hcuda_find_sigma_grids(const float* ave, const float* sigma, unsigned int* d_ice, float* cell_ave,
+                            float* cell_sigma, int nx, int ny, int g, float lave_min, float lave_max,
+                            float lsigma_cutoff);
+// The rejected positions of host arrays as a coordinate file in raw pixels:
+// mode 1 the .star form (centres), any other the box form (a box of g*shrink
+// around each position, with the cell's average and sigma).  Positions within
+// half a cell of the edge are left out; their cells stay rejected.  Returns 0.
+int output_ice_coord(const char* name, const unsigned int* ice, const float* ave, const float* sigma, int nx, int ny,
+                     int2 origin, int g, int shrink, int mode);
+
+// Enters the centres of n boxes (raw pixels) as rejected positions, one word
+// copy each; a later box in a cell replaces the word before it.  A centre
+// outside the nx by ny image is skipped, and so is a centre on pixel (0, 0),
+// whose word would read as "free".  Returns 0.
+int add_excluded_coords_to_ice(unsigned int* d_ice, int nx, int ny, int g, const PTCL_BOX* boxes, int n, int shrink);
+// The same for the boxes of a coordinate file, at most one a cell read; a null
+// name or an unreadable file adds nothing.  Returns 0.
+int add_excluded_boxf_to_ice(unsigned int* d_ice, int nx, int ny, int g, const char* name, int shrink);
+// The cell mask: v in rejected cells, 1 - v in free ones, over the whole image
+// with hard cell-shaped edges.  image is not read.  Returns 0.
+int hcuda_2d_generate_mask_by_coords(float* mask, const float* image, int nx, int ny, int g, const unsigned int* d_ice,
+                                     float v);

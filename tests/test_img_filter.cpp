@@ -1,0 +1,295 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <vector>
+
+#include "backend_fixture.h"
+#include "device/cuda_fft.h"
+#include "device/cuda_general.h"
+#include "formats/mrcfile.h"
+#include "picking/img_filter.h"
+#include "test_util.h"
+
+namespace {
+
+using DevFilter = std::function<void(float* d_img, int n)>;
+
+std::vector<float> noise_image(int nx, int ny, unsigned seed) {
+  std::mt19937 g(seed);
+  std::normal_distribution<float> u(0.0f, 1.0f);
+  std::vector<float> v((size_t)nx * ny);
+  for (float& x : v) x = u(g);
+  return v;
+}
+
+float* to_dev(const std::vector<float>& h) {
+  float* d = d_alloc_float(h.size());
+  memcpy_H2D(d, h.data(), h.size() * sizeof(float));
+  return d;
+}
+std::vector<float> from_dev(const float* d, size_t n) {
+  std::vector<float> h(n);
+  memcpy_D2H(h.data(), d, n * sizeof(float));
+  return h;
+}
+
+// An image through a device filter in place.
+std::vector<float> filtered(const std::vector<float>& img, int n, const DevFilter& f) {
+  float* d = to_dev(img);
+  f(d, n);
+  std::vector<float> out = from_dev(d, img.size());
+  device_free(d);
+  return out;
+}
+
+// The weights that a plain filter puts on the half spectrum of N by N: the
+// impulse at the origin has a flat spectrum of ones, so the transform of the
+// filtered impulse is w*N^2.
+std::vector<float> spectrum_weights(int N, const DevFilter& f) {
+  std::vector<float> imp((size_t)N * N, 0.0f);
+  imp[0] = 1.0f;
+  float* d = to_dev(imp);
+  f(d, N);
+  const size_t nh = (size_t)(N / 2 + 1) * N;
+  float2* spec = d_alloc_float2(nh);
+  hcuda_2d_fft_r2c(d, spec, N, N);
+  std::vector<float2> h(nh);
+  memcpy_D2H(h.data(), spec, nh * sizeof(float2));
+  device_free(spec);
+  device_free(d);
+  std::vector<float> w(nh);
+  const double N2 = (double)N * N;
+  for (size_t i = 0; i < nh; ++i) w[i] = (float)(h[i].x / N2);
+  return w;
+}
+
+double radius(int kx, int ky, int N) {
+  const int fy = ky < N / 2 ? ky : ky - N;
+  return std::sqrt((double)kx * kx + (double)fy * fy);
+}
+double guas(double x, double s) { return 0.39894229 * std::exp(-x * x / (2.0 * s * s)); }
+
+bool bits_equal(const std::vector<float>& a, const std::vector<float>& b) {
+  return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
+}
+
+}  // namespace
+
+class BandPass : public BackendTest {};
+
+// The documented example of the padded Gaussian: n = 1024 pads to N = 2048.
+TEST_P(BandPass, GaussianCurveOfTheExampleAtN2048) {
+  const int N = 2048;
+  const float apix = 5.36f;
+  EXPECT_NEAR(hd_band_rl(N, apix, 40.0f, 1000.0f), 10.977, 1e-3);
+  EXPECT_NEAR(hd_band_rh(N, apix, 40.0f, 1000.0f), 274.4, 0.05);
+  // The plain filter on an N-sided image has the same radii as the padded one
+  // of half that side; its weights are read back from the spectrum.
+  std::vector<float> w =
+      spectrum_weights(N, [&](float* d, int n) { hcuda_2d_bandpass_guas_inplace(d, n, apix, 40.0f, 1000.0f); });
+  // Hand values: rl = 10.977, rh = 274.4, c = 1025, sigmas 91.47 and 338.0.
+  const double rl = 10.97728, rh = 274.432, c = 1025.0, s1 = 91.4773, s2 = 338.0076;
+  const int pts[][2] = {{0, 0}, {10, 0}, {11, 0}, {8, 8}, {100, 0}, {0, 150}, {60, N - 200}, {274, 0}, {275, 0},
+                        {0, N - 274}, {200, 200}, {1024, 0}};
+  for (auto& p : pts) {
+    const double r = radius(p[0], p[1], N);
+    const double want = (r < rl || r > rh) ? 0.0 : guas(r, s1) * guas(c - r, s2);
+    const float got = w[(size_t)p[1] * (N / 2 + 1) + p[0]];
+    EXPECT_NEAR(got, want, 2e-7 + 1e-4 * want) << p[0] << "," << p[1] << " r " << r;
+  }
+  // The peak of the curve stays below 0.16.
+  float peak = 0.0f;
+  for (float v : w) peak = std::max(peak, v);
+  EXPECT_LT(peak, 0.16f);
+  EXPECT_GT(peak, 0.0f);
+}
+
+// Every element of the half spectrum of the three bands and the two cuts,
+// against the curves written out in double.
+TEST_P(BandPass, CurvesOverTheWholeSpectrum) {
+  const int N = 64;
+  const int nh = N / 2 + 1;
+  // apix 1: a = 32 A gives rl = 2, b = 4 A gives rh = 16, both exact.
+  std::vector<float> soft =
+      spectrum_weights(N, [](float* d, int n) { hcuda_2d_bandpass_softR_inplace(d, n, 1.0f, 32.0f, 4.0f, 6.0f); });
+  std::vector<float> sharp =
+      spectrum_weights(N, [](float* d, int n) { hcuda_2d_bandpass_sharp_inplace(d, n, 1.0f, 4.0f, 32.0f); });
+  std::vector<float> gaus =
+      spectrum_weights(N, [](float* d, int n) { hcuda_2d_bandpass_guas_inplace(d, n, 1.0f, 32.0f, 4.0f); });
+  std::vector<float> low = spectrum_weights(N, [](float* d, int n) {
+    float* o = d_alloc_float((size_t)n * n);
+    hcuda_2d_lowpass_sharp(d, o, n, 1.0f, 4.0f);
+    memcpy_D2D(d, o, (size_t)n * n * sizeof(float));
+    device_free(o);
+  });
+  std::vector<float> high = spectrum_weights(N, [](float* d, int n) {
+    float* o = d_alloc_float((size_t)n * n);
+    hcuda_c2d_highpass_sharp(d, o, n, 1.0f, 32.0f);
+    memcpy_D2D(d, o, (size_t)n * n * sizeof(float));
+    device_free(o);
+  });
+  for (int ky = 0; ky < N; ++ky)
+    for (int kx = 0; kx < nh; ++kx) {
+      const double r = radius(kx, ky, N);
+      const size_t i = (size_t)ky * nh + kx;
+      const double w_soft = r < 2 ? 0.0 : r <= 16 ? 1.0 : r <= 22 ? guas(r - 16, 2.0) : 0.0;
+      const double w_sharp = (r < 2 || r > 16) ? 0.0 : 1.0;
+      const double w_gaus = (r < 2 || r > 16) ? 0.0 : guas(r, 16.0 / 3) * guas(33 - r, 31.0 / 3);
+      EXPECT_NEAR(soft[i], w_soft, 1e-5) << kx << "," << ky;
+      EXPECT_NEAR(sharp[i], w_sharp, 1e-5) << kx << "," << ky;
+      EXPECT_NEAR(gaus[i], w_gaus, 1e-6) << kx << "," << ky;
+      EXPECT_NEAR(low[i], r <= 16 ? 1.0 : 0.0, 1e-5) << kx << "," << ky;
+      EXPECT_NEAR(high[i], r >= 2 ? 1.0 : 0.0, 1e-5) << kx << "," << ky;
+    }
+  // Elements exactly on the limits stay: r = 2 at (2, 0), r = 16 at (0, 16).
+  EXPECT_NEAR(sharp[2], 1.0, 1e-5);
+  EXPECT_NEAR(sharp[16 * nh], 1.0, 1e-5);
+  EXPECT_NEAR(soft[2], 1.0, 1e-5);
+  EXPECT_NEAR(soft[16], 1.0, 1e-5);
+  EXPECT_GT(gaus[2], 0.0f);
+  EXPECT_GT(gaus[16], 0.0f);
+  // The soft edge steps down to the peak of hd_guasf just past rh.
+  EXPECT_NEAR(soft[17], 0.39894229 * std::exp(-1.0 / 8.0), 1e-5);
+}
+
+TEST_P(BandPass, ConstantImageGivesZero) {
+  const int n = 32;
+  std::vector<float> c((size_t)n * n, 3.0f);
+  const std::vector<DevFilter> filters = {
+      [](float* d, int m) { hcuda_2d_bandpass_sharp_inplace(d, m, 2.0f, 8.0f, 100.0f); },
+      [](float* d, int m) { hcuda_2d_bandpass_softR_inplace(d, m, 2.0f, 8.0f, 100.0f, 4.0f); },
+      [](float* d, int m) { hcuda_2d_bandpass_guas_inplace(d, m, 2.0f, 8.0f, 100.0f); },
+      [](float* d, int m) { hcuda_2d_bandpass_softR_mpad_inplace(d, m, 2.0f, 8.0f, 100.0f, 4.0f); },
+      [](float* d, int m) { hcuda_2d_bandpass_guas_mpad_inplace(d, m, 2.0f, 8.0f, 100.0f); },
+  };
+  for (size_t k = 0; k < filters.size(); ++k) {
+    std::vector<float> o = filtered(c, n, filters[k]);
+    // Unfiltered, the image would come back as 3*n^2 (or 3*4n^2).
+    for (float v : o) ASSERT_NEAR(v, 0.0f, 1e-3) << "filter " << k;
+  }
+}
+
+TEST_P(BandPass, OrderOfTheLimitsDoesNotMatter) {
+  const int n = 48;
+  std::vector<float> img = noise_image(n, n, 3);
+  auto run = [&](float a, float b) {
+    return std::vector<std::vector<float>>{
+        filtered(img, n, [=](float* d, int m) { hcuda_2d_bandpass_sharp_inplace(d, m, 1.5f, a, b); }),
+        filtered(img, n, [=](float* d, int m) { hcuda_2d_bandpass_softR_inplace(d, m, 1.5f, a, b, 3.0f); }),
+        filtered(img, n, [=](float* d, int m) { hcuda_2d_bandpass_guas_mpad_inplace(d, m, 1.5f, a, b); }),
+        filtered(img, n, [=](float* d, int m) { hcuda_2d_bandpass_softR_mpad_inplace(d, m, 1.5f, a, b, 8.0f); }),
+    };
+  };
+  auto ab = run(40.0f, 6.0f), ba = run(6.0f, 40.0f);
+  for (size_t k = 0; k < ab.size(); ++k) EXPECT_TRUE(bits_equal(ab[k], ba[k])) << "filter " << k;
+}
+
+TEST_P(BandPass, NoSoftWidthIsTheHardBand) {
+  const int n = 40;
+  std::vector<float> img = noise_image(n, n, 5);
+  std::vector<float> hard =
+      filtered(img, n, [](float* d, int m) { hcuda_2d_bandpass_sharp_inplace(d, m, 1.0f, 30.0f, 4.0f); });
+  std::vector<float> soft0 =
+      filtered(img, n, [](float* d, int m) { hcuda_2d_bandpass_softR_inplace(d, m, 1.0f, 30.0f, 4.0f, 0.0f); });
+  EXPECT_TRUE(bits_equal(hard, soft0));
+  // The staged soft form takes the hard band below one pixel of width.
+  std::vector<float> g_soft = img, g_hard = img;
+  gpu_2d_bandpass_softR_inplace(g_soft.data(), n, 1.0f, 30.0f, 4.0f, 0.5f);
+  gpu_2d_bandpass_sharp_inplace(g_hard.data(), n, 1.0f, 30.0f, 4.0f);
+  EXPECT_TRUE(bits_equal(g_soft, g_hard));
+  EXPECT_TRUE(bits_equal(g_hard, hard));
+  // A width of one pixel or more is the soft curve.
+  std::vector<float> g_soft1 = img;
+  gpu_2d_bandpass_softR_inplace(g_soft1.data(), n, 1.0f, 30.0f, 4.0f, 1.0f);
+  EXPECT_FALSE(bits_equal(g_soft1, g_hard));
+}
+
+// The padded forms are the plain filter of the mirror-padded image (N = 2n,
+// the same limits in angstrom), cut back to the first quadrant.
+TEST_P(BandPass, PaddedFormsFilterTheMirrorPaddedImage) {
+  const int n = 24, N = 2 * n;
+  std::vector<float> img = noise_image(n, n, 9);
+  std::vector<float> pad((size_t)N * N);
+  for (int y = 0; y < N; ++y)
+    for (int x = 0; x < N; ++x) {
+      const int sx = x < n ? x : N - 1 - x, sy = y < n ? y : N - 1 - y;
+      pad[(size_t)y * N + x] = img[(size_t)sy * n + sx];
+    }
+  auto quadrant = [&](const std::vector<float>& big) {
+    std::vector<float> q((size_t)n * n);
+    for (int y = 0; y < n; ++y)
+      for (int x = 0; x < n; ++x) q[(size_t)y * n + x] = big[(size_t)y * N + x];
+    return q;
+  };
+  std::vector<float> g_ref =
+      quadrant(filtered(pad, N, [](float* d, int m) { hcuda_2d_bandpass_guas_inplace(d, m, 2.0f, 10.0f, 60.0f); }));
+  std::vector<float> s_ref = quadrant(
+      filtered(pad, N, [](float* d, int m) { hcuda_2d_bandpass_softR_inplace(d, m, 2.0f, 4.0f, 60.0f, 8.0f); }));
+  std::vector<float> g_pad =
+      filtered(img, n, [](float* d, int m) { hcuda_2d_bandpass_guas_mpad_inplace(d, m, 2.0f, 10.0f, 60.0f); });
+  std::vector<float> s_pad = filtered(
+      img, n, [](float* d, int m) { hcuda_2d_bandpass_softR_mpad_inplace(d, m, 2.0f, 4.0f, 60.0f, 8.0f); });
+  EXPECT_TRUE(bits_equal(g_pad, g_ref));
+  EXPECT_TRUE(bits_equal(s_pad, s_ref));
+
+  // Out of place, and the staged forms, give the same bits.
+  float* d_in = to_dev(img);
+  float* d_out = d_alloc_float(img.size());
+  hcuda_2d_bandpass_guas_mpad(d_in, d_out, n, 2.0f, 10.0f, 60.0f);
+  EXPECT_TRUE(bits_equal(from_dev(d_out, img.size()), g_pad));
+  EXPECT_TRUE(bits_equal(from_dev(d_in, img.size()), img));
+  device_free(d_in);
+  device_free(d_out);
+  std::vector<float> staged(img.size());
+  gpu_2d_bandpass_guas_mpad(img.data(), staged.data(), n, 2.0f, 10.0f, 60.0f);
+  EXPECT_TRUE(bits_equal(staged, g_pad));
+  gpu_2d_bandpass_guas_mpad_inplace(img.data(), n, 2.0f, 10.0f, 60.0f);
+  EXPECT_TRUE(bits_equal(img, g_pad));
+}
+
+TEST_P(BandPass, FileCommandFiltersTheFirstImage) {
+  ZkTmpDir tmp;
+  const int n = 32;
+  std::vector<float> stack = noise_image(n, n * 2, 11);  // two images
+  const std::string in = tmp / "in.mrc";
+  mrcf_write_xyz_data(in.c_str(), stack.data(), n, n, 2);
+  for (int type = 0; type <= 4; ++type) {
+    const std::string out = tmp / ("out" + std::to_string(type) + ".mrc");
+    mrcf_2d_bandpass(in.c_str(), out.c_str(), 2.0f, 8.0f, 50.0f, 4.0f, type);
+    MRC_HEAD head;
+    mrcf_read_head(out.c_str(), &head);
+    ASSERT_EQ(head.nx, n);
+    ASSERT_EQ(head.nz, 2);
+    std::vector<float> got((size_t)n * n * 2);
+    mrcf_read_all(out.c_str(), got.data());
+    std::vector<float> want(stack.begin(), stack.begin() + n * n);
+    if (type == 1) gpu_2d_bandpass_guas_inplace(want.data(), n, 2.0f, 8.0f, 50.0f);
+    if (type == 2) gpu_2d_bandpass_softR_inplace(want.data(), n, 2.0f, 8.0f, 50.0f, 4.0f);
+    if (type == 3) gpu_2d_bandpass_sharp_inplace(want.data(), n, 2.0f, 8.0f, 50.0f);
+    if (type == 4) gpu_2d_bandpass_guas_mpad_inplace(want.data(), n, 2.0f, 8.0f, 50.0f);
+    EXPECT_TRUE(bits_equal(std::vector<float>(got.begin(), got.begin() + n * n), want)) << "type " << type;
+    // The second image is carried over untouched.
+    EXPECT_TRUE(bits_equal(std::vector<float>(got.begin() + n * n, got.end()),
+                           std::vector<float>(stack.begin() + n * n, stack.end())))
+        << "type " << type;
+  }
+}
+
+ZK_BACKEND_SUITE(BandPass);
+
+TEST(BandPassFile, RectangleEndsTheRun) {
+  ZkTmpDir tmp;
+  std::vector<float> img((size_t)32 * 16, 1.0f);
+  const std::string in = tmp / "rect.mrc", out = tmp / "out.mrc";
+  mrcf_write_xyz_data(in.c_str(), img.data(), 32, 16, 1);
+  EXPECT_EXIT(
+      {
+        ZK_STDOUT_TO_STDERR();
+        mrcf_2d_bandpass(in.c_str(), out.c_str(), 1.0f, 8.0f, 50.0f, 4.0f, 1);
+      },
+      ::testing::ExitedWithCode(1), "Can not do band-pass on rectangle data. Must be square.");
+  EXPECT_FALSE(zk_exists(out));
+}
