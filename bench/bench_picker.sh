@@ -78,9 +78,12 @@ div() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.3f", a / b}'; }
 # Mean seconds of one stage over the micrographs of the last log.
 stage() { awk -v s="$1" -F': ' '$1 ~ ">>>>>>TIME<<<<<< *"s"$" {t+=$2; n++} END {if (n) printf "%.3f", t/n; else print "-"}' "$LOG"; }
 
+# Seconds per micrograph once the run is under way: TOTAL less PREPARATION over N.
+steady() { awk -v n="$N" -F': ' '$1 ~ /TOTAL$/ {t = $2} $1 ~ /PREPARATION$/ {p = $2} END {printf "%.3f", (t - p) / n}' "$LOG"; }
+
 report() {
-  printf "%-34s %7.3f s/mic  (reading %s, normalization %s, picking %s; preparation %s s)  peak RSS %s MB  GPU %s MB\n" \
-    "$1" "$(div "$WALL" "$N")" "$(stage READING)" "$(stage NORMALIZATION)" "$(stage PICKING)" \
+  printf "%-32s %7.3f s/mic wall (%s s/mic after preparation; stages: reading %s, normalization %s, picking %s; preparation %s s)  peak RSS %s MB  GPU %s MB\n" \
+    "$1" "$(div "$WALL" "$N")" "$(steady)" "$(stage READING)" "$(stage NORMALIZATION)" "$(stage PICKING)" \
     "$(stage PREPARATION)" "$RSS" "$GPU_MB"
 }
 
