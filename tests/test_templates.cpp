@@ -178,6 +178,20 @@ TEST(Templates, MissingFileEndsTheRun) {
       "Error in function get_template_data\\(\\), file zavik56_templates.cpp on line [0-9]+: open file failed.");
 }
 
+TEST(Templates, PixelSizeOfZeroEndsTheRun) {
+  ZkTmpDir tmp;
+  std::vector<float> one(16, 1.0f);
+  const std::string f = tmp / "t.mrc";
+  mrcf_write_xyz_data(f.c_str(), one.data(), 4, 4, 1);
+  int Tx, Ty, Nt;
+  EXPECT_EXIT(
+      {
+        ZK_STDOUT_TO_STDERR();
+        get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 0.0f, 1.0f, 1, 0.05f);
+      },
+      ::testing::ExitedWithCode(1), "The pixel sizes of templates and micrographs must be greater than 0");
+}
+
 TEST(Templates, NormalisationTypes) {
   const int nx = 21, ny = 18;  // odd and even sides
   const float R = 7.5f, ratio = 0.05f;
