@@ -13,8 +13,13 @@ if [ -z "$archs" ]; then
   if command -v nvidia-smi >/dev/null 2>&1 && nvidia-smi -L >/dev/null 2>&1; then archs=native; else archs=90; fi
 fi
 zavik_configure build "$archs"
-cmake --build build -j"$ZAVIK_JOBS" --target zavik zavik_example_mic
+cmake --build build -j"$ZAVIK_JOBS" --target zavik zavik_synth
 
+# A synthetic micrograph with particles at known places, then the picker on it.
 mkdir -p example
-./build/zavik_example_mic example/example_mic.mrc 1024 1024 12 40
-./build/zavik --apixM 1.0 --diameter 100 example/example_mic.mrc
+./build/zavik_synth --out example/example_mic.mrc --nx 2048 --ny 2048 --apix 1.34 --diameter 200 --noise 0.7 \
+  --seed 1 --truth example/example_truth.box --templates example/example_templates.mrcs --ntemplates 6
+./build/zavik --apixM 1.34 --diameter 200 --cc_cutoff 0.3 example/example_mic.mrc
+echo
+echo "Placed $(wc -l <example/example_truth.box) particles (example/example_truth.box);" \
+  "picked $(wc -l <example/example_mic_zavik.box) (example/example_mic_zavik.box, example/example_mic_zavik.star)."

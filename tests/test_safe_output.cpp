@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdio>
 #include <string>
 
@@ -59,4 +60,19 @@ TEST(SafeOutput, FullDiskEndsTheRunAndLeavesNoFile) {
       },
       ::testing::ExitedWithCode(1), "Cannot write to file /tmp/zk_never_written.box");
   EXPECT_FALSE(zk_exists("/tmp/zk_never_written.box"));
+}
+
+TEST(SafeOutput, AStopSignalLeavesNoTemporaryFile) {
+  ZkTmpDir dir;
+  const std::string name = dir / "s_zavik.box";
+  EXPECT_EXIT(
+      {
+        ZkOutFile out;
+        fputs("half", zk_out_open(out, name.c_str()));
+        raise(SIGTERM);
+      },
+      ::testing::KilledBySignal(SIGTERM), "");
+  std::string ls;
+  zk_run("ls -A " + dir.path, &ls);
+  EXPECT_EQ(ls, "");
 }

@@ -1,9 +1,11 @@
 #include "formats/safe_output.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 #include "device/report.h"
 
@@ -22,9 +24,21 @@ void remove_open_files() {
     }
 }
 
+// A run stopped by Ctrl-C or by the batch system's TERM leaves no temporary
+// file either: the handler removes them (unlink is safe in a handler) and
+// lets the signal end the process as it would have.
+void on_stop_signal(int sig) {
+  for (int i = 0; i < kMaxOpen; ++i)
+    if (g_open[i][0]) unlink(g_open[i]);
+  signal(sig, SIG_DFL);
+  raise(sig);
+}
+
 void track(const char* tmp) {
   if (!g_hooked) {
     atexit(remove_open_files);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+      if (signal(sig, on_stop_signal) == SIG_IGN) signal(sig, SIG_IGN);  // keep what the shell ignored
     g_hooked = true;
   }
   for (int i = 0; i < kMaxOpen; ++i)
