@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -199,4 +200,30 @@ TEST(PickEndToEnd, EverySpeedUpKeepsEveryOutputByte) {
     else
       expect_same_outputs(dir / "all", d, 3 * 7);
   }
+}
+
+// Under --extract_raw every final pick is cut from the raw micrograph into
+// "_particles.mrcs", one image a pick, of the box size.
+TEST(PickEndToEnd, ExtractionCutsEveryPick) {
+  ZkTmpDir dir;
+  const std::string mic = dir / "e.mrc";
+  ASSERT_EQ(system(synth("--out " + mic + " --nx 512 --ny 512 --apix 2 --diameter 150 --noise 0.5 --seed 5").c_str()),
+            0);
+  std::string out;
+  ASSERT_EQ(zk_run(std::string(ZAVIK_BIN) + " --apixM 2 --diameter 150 --boxsize 80 --cc_cutoff 0.3 --extract_raw 1 " +
+                       mic,
+                   &out),
+            0)
+      << out;
+  const size_t picks = read_centres(dir / "e_zavik.box", false).size();
+  ASSERT_GT(picks, 0u);
+  const std::string stack = zk_slurp(dir / "e_particles.mrcs");
+  ASSERT_GE(stack.size(), 1024u);
+  int32_t dims[4];
+  memcpy(dims, stack.data(), sizeof dims);
+  EXPECT_EQ(dims[0], 80);
+  EXPECT_EQ(dims[1], 80);
+  EXPECT_EQ((size_t)dims[2], picks);
+  EXPECT_EQ(dims[3], 2);  // float
+  EXPECT_EQ(stack.size(), 1024u + picks * 80 * 80 * 4);
 }
