@@ -9,7 +9,9 @@
 #include <thread>
 #include <utility>
 
+#include "device/cuda_fft.h"
 #include "device/cuda_general.h"
+#include "device/process2d_local.h"
 #include "device/report.h"
 #include "driver/zavik_clock.h"
 #include "driver/zavik_help.h"
@@ -91,6 +93,9 @@ void free_run_buffers(ZkRun* run) {
   device_free(run->d_psi);
   device_free(run->d_mask);
   device_free(run->d_ice);
+  // The transform plans and disc spectra kept for the run's sizes.
+  zk_local_disc_cache_clear();
+  zk_fft_cache_clear();
 }
 
 // Step 2 of the road: all names of one micrograph, beside it.
