@@ -42,7 +42,11 @@ bool g_fftw_threads_ready = false;
 // The cache of the one-shot wrappers.
 std::mutex g_cache_lock;
 bool g_cache_on = true;
-std::map<std::tuple<int, int, int, int, int, int>, ZkFftPlan> g_cache;
+// Made once and never destroyed: the cached plans live to the end of the
+// process, reachable from here, and no destructor at exit tears the map down
+// under a plan still in use.
+using PlanCache = std::map<std::tuple<int, int, int, int, int, int>, ZkFftPlan>;
+PlanCache& g_cache = *new PlanCache();
 
 int g_host_threads = 0;
 
