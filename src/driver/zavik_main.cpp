@@ -225,7 +225,15 @@ void pick_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic) {
   if (para->write_ccmax_mic) zavik_stage_write_ccmax(run);
   fclose(run->fp_mic);
   run->fp_mic = nullptr;
-  if (run->fp_nonunique) fclose(run->fp_nonunique);
+  // The box filter reads the raw candidates back: a write that failed (a full
+  // disk) must end the run here rather than give fewer picks without a word.
+  if (run->fp_nonunique) {
+    const bool ok = fflush(run->fp_nonunique) == 0 && !ferror(run->fp_nonunique);
+    if (fclose(run->fp_nonunique) != 0 || !ok) {
+      printf("Cannot write to file %s. Permission denied or no space left!\n", run->nonunique_name);
+      MAIN_FATAL("open file failed.");
+    }
+  }
   run->fp_nonunique = nullptr;
   zavik_stage_box_filter(run);
   if (para->extract_raw) zavik_stage_extract(run, mic);

@@ -39,23 +39,23 @@ ZkBandFilter cut_filter(int type, int N, float apix, float d) {
 }
 
 // The filter kernel over the half spectrum: N/2 + 1 columns, N rows.
-void apply_filter(float2* spec, int N, ZkBandFilter f) {
+void apply_filter(float2* spectrum, int N, ZkBandFilter f) {
   const float rl = f.r1, rh = f.r2, soft = f.soft;
   switch (f.type) {
     case ZK_BAND_SHARP:
-      launch_2d(N / 2 + 1, N, [=] HD(int kx, int ky) { cuda_c2d_bandpass_sharp(kx, ky, spec, N, rl, rh); });
+      launch_2d(N / 2 + 1, N, [=] HD(int kx, int ky) { cuda_c2d_bandpass_sharp(kx, ky, spectrum, N, rl, rh); });
       break;
     case ZK_BAND_SOFT:
-      launch_2d(N / 2 + 1, N, [=] HD(int kx, int ky) { cuda_c2d_bandpass_softR(kx, ky, spec, N, rl, rh, soft); });
+      launch_2d(N / 2 + 1, N, [=] HD(int kx, int ky) { cuda_c2d_bandpass_softR(kx, ky, spectrum, N, rl, rh, soft); });
       break;
     case ZK_BAND_GUAS:
-      launch_2d(N / 2 + 1, N, [=] HD(int kx, int ky) { cuda_c2d_bandpass_guas(kx, ky, spec, N, rl, rh); });
+      launch_2d(N / 2 + 1, N, [=] HD(int kx, int ky) { cuda_c2d_bandpass_guas(kx, ky, spectrum, N, rl, rh); });
       break;
     case ZK_LOW_SHARP:
-      launch_2d(N / 2 + 1, N, [=] HD(int kx, int ky) { cuda_c2d_lowpass_sharp(kx, ky, spec, N, rl); });
+      launch_2d(N / 2 + 1, N, [=] HD(int kx, int ky) { cuda_c2d_lowpass_sharp(kx, ky, spectrum, N, rl); });
       break;
     default:
-      launch_2d(N / 2 + 1, N, [=] HD(int kx, int ky) { cuda_c2d_highpass_sharp(kx, ky, spec, N, rl); });
+      launch_2d(N / 2 + 1, N, [=] HD(int kx, int ky) { cuda_c2d_highpass_sharp(kx, ky, spectrum, N, rl); });
       break;
   }
 }
@@ -63,24 +63,24 @@ void apply_filter(float2* spec, int N, ZkBandFilter f) {
 // Plain filter, N = n.  The forward transform reads in before the inverse
 // writes out, so in may be out.
 void filter_plain(const float* in, float* out, int n, ZkBandFilter f) {
-  float2* spec = d_alloc_float2((size_t)(n / 2 + 1) * n);
-  hcuda_2d_fft_r2c(in, spec, n, n);
-  apply_filter(spec, n, f);
-  hcuda_2d_fft_c2r(spec, out, n, n);
-  device_free(spec);
+  float2* spectrum = d_alloc_float2((size_t)(n / 2 + 1) * n);
+  hcuda_2d_fft_r2c(in, spectrum, n, n);
+  apply_filter(spectrum, n, f);
+  hcuda_2d_fft_c2r(spectrum, out, n, n);
+  device_free(spectrum);
 }
 
 // Mirror-padded filter: 2n by 2n real work image, (n + 1) by 2n spectrum.
 void filter_mpad(const float* in, float* out, int n, ZkBandFilter f) {
   const int N = 2 * n;
   float* work = d_alloc_float((size_t)N * N);
-  float2* spec = d_alloc_float2((size_t)(n + 1) * N);
+  float2* spectrum = d_alloc_float2((size_t)(n + 1) * N);
   hcuda_2d_mirror_pad(work, in, n, n);
-  hcuda_2d_fft_r2c(work, spec, N, N);
-  apply_filter(spec, N, f);
-  hcuda_2d_fft_c2r(spec, work, N, N);
+  hcuda_2d_fft_r2c(work, spectrum, N, N);
+  apply_filter(spectrum, N, f);
+  hcuda_2d_fft_c2r(spectrum, work, N, N);
   hcuda_2d_mirror_pad_inv(out, work, n, n);
-  device_free(spec);
+  device_free(spectrum);
   device_free(work);
 }
 
