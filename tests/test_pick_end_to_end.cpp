@@ -227,3 +227,21 @@ TEST(PickEndToEnd, ExtractionCutsEveryPick) {
   EXPECT_EQ(dims[3], 2);  // float
   EXPECT_EQ(stack.size(), 1024u + picks * 80 * 80 * 4);
 }
+
+// A full disk, played by a file size limit: the run ends with status 1 and
+// leaves no result that --do_unfinished would take as finished.
+TEST(PickEndToEnd, AFullDiskEndsTheRunWithoutAResult) {
+  ZkTmpDir dir;
+  const std::string mic = dir / "f.mrc";
+  ASSERT_EQ(system(synth("--out " + mic + " --nx 512 --ny 512 --apix 2 --diameter 150 --noise 0.5 --seed 9").c_str()),
+            0);
+  std::string out;
+  // Writes beyond 1 KiB fail with EFBIG instead of killing the process.
+  const int rc = zk_run("bash -c \"trap '' XFSZ; ulimit -f 1; exec " + std::string(ZAVIK_BIN) +
+                            " --apixM 2 --diameter 150 --cc_cutoff 0.05 " + mic + "\"",
+                        &out);
+  EXPECT_EQ(rc, 1) << out;
+  EXPECT_NE(out.find("Permission denied or no space left!"), std::string::npos) << out;
+  EXPECT_FALSE(zk_exists(dir / "f_zavik.box"));
+  EXPECT_FALSE(zk_exists(dir / "f_zavik.star"));
+}
