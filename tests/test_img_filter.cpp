@@ -54,11 +54,11 @@ std::vector<float> spectrum_weights(int N, const DevFilter& f) {
   float* d = to_dev(imp);
   f(d, N);
   const size_t nh = (size_t)(N / 2 + 1) * N;
-  float2* spec = d_alloc_float2(nh);
-  hcuda_2d_fft_r2c(d, spec, N, N);
+  float2* spectrum = d_alloc_float2(nh);
+  hcuda_2d_fft_r2c(d, spectrum, N, N);
   std::vector<float2> h(nh);
-  memcpy_D2H(h.data(), spec, nh * sizeof(float2));
-  device_free(spec);
+  memcpy_D2H(h.data(), spectrum, nh * sizeof(float2));
+  device_free(spectrum);
   device_free(d);
   std::vector<float> w(nh);
   const double N2 = (double)N * N;

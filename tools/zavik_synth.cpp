@@ -212,17 +212,17 @@ int main(int argc, char** argv) {
   // Projected densities, then the CTF.
   const int nxh = nx / 2 + 1;
   float* img = fftwf_alloc_real((size_t)nx * ny);
-  fftwf_complex* spec = fftwf_alloc_complex((size_t)nxh * ny);
+  fftwf_complex* spectrum = fftwf_alloc_complex((size_t)nxh * ny);
   memset(img, 0, sizeof(float) * nx * ny);
   const int reach = (int)ceil(1.3 * radius_px);
   for (const Blob& b : parts)
     for (int y = std::max(0, (int)b.y - reach); y <= std::min(ny - 1, (int)b.y + reach); ++y)
       for (int x = std::max(0, (int)b.x - reach); x <= std::min(nx - 1, (int)b.x + reach); ++x)
         img[(size_t)y * nx + x] += (float)particle_density((x - b.x) * p.apix, (y - b.y) * p.apix, b.psi, 0.5 * p.diameter);
-  fftwf_plan fwd = fftwf_plan_dft_r2c_2d(ny, nx, img, spec, FFTW_ESTIMATE);
-  fftwf_plan inv = fftwf_plan_dft_c2r_2d(ny, nx, spec, img, FFTW_ESTIMATE);
+  fftwf_plan fwd = fftwf_plan_dft_r2c_2d(ny, nx, img, spectrum, FFTW_ESTIMATE);
+  fftwf_plan inv = fftwf_plan_dft_c2r_2d(ny, nx, spectrum, img, FFTW_ESTIMATE);
   fftwf_execute(fwd);
-  apply_ctf(spec, nx, ny, p);
+  apply_ctf(spectrum, nx, ny, p);
   fftwf_execute(inv);
   // Peak contrast of one particle after the CTF sets the unit of the noise.
   double peak = 1e-12;
@@ -270,6 +270,6 @@ int main(int argc, char** argv) {
   fftwf_destroy_plan(fwd);
   fftwf_destroy_plan(inv);
   fftwf_free(img);
-  fftwf_free(spec);
+  fftwf_free(spectrum);
   return 0;
 }

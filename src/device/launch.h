@@ -49,9 +49,11 @@ void zk_launch_1d(size_t n, F f, const char* file, int line) {
   for (long long i = 0; i < nn; ++i) f((unsigned int)i);
 }
 
-// One thread per (x, y), x < nx, y < ny, blocks of 32 x 32.
+// One thread per (x, y), x < nx, y < ny, blocks of 32 x 32.  heavy marks
+// kernels whose threads each do much serial work (one thread a grid cell
+// scanning its pixels): their host loop is parallel at any size.
 template <class F>
-void zk_launch_2d(int nx, int ny, F f, const char* file, int line) {
+void zk_launch_2d(int nx, int ny, F f, const char* file, int line, bool heavy = false) {
   if (nx <= 0 || ny <= 0) return;
 #if defined(__CUDACC__)
   if (zk_on_gpu()) {
@@ -63,31 +65,16 @@ void zk_launch_2d(int nx, int ny, F f, const char* file, int line) {
   (void)file;
   (void)line;
   const long long work = (long long)nx * ny;
-  (void)work;  // read only by the OpenMP clause
+  if (heavy) {
+#pragma omp parallel for schedule(dynamic, 1)
+    for (long long c = 0; c < work; ++c) f((int)(c % nx), (int)(c / nx));
+    return;
+  }
 #pragma omp parallel for schedule(static) if (work >= ZK_OMP_MIN)
   for (int y = 0; y < ny; ++y)
     for (int x = 0; x < nx; ++x) f(x, y);
 }
 
-// The same for kernels whose threads each do much serial work (one thread a
-// grid cell scanning its pixels): the host loop is parallel at any size.
-template <class F>
-void zk_launch_2d_heavy(int nx, int ny, F f, const char* file, int line) {
-  if (nx <= 0 || ny <= 0) return;
-#if defined(__CUDACC__)
-  if (zk_on_gpu()) {
-    zk_kernel_2d<<<zk_grid_2d(nx, ny), dim3(32, 32, 1)>>>(f, nx, ny);
-    zk_sync_check(file, line);
-    return;
-  }
-#endif
-  (void)file;
-  (void)line;
-  const long long cells = (long long)nx * ny;
-#pragma omp parallel for schedule(dynamic, 1)
-  for (long long c = 0; c < cells; ++c) f((int)(c % nx), (int)(c / nx));
-}
-
 #define launch_1d(n, ...) zk_launch_1d((n), __VA_ARGS__, zk_basename(__FILE__), __LINE__)
 #define launch_2d(nx, ny, ...) zk_launch_2d((nx), (ny), __VA_ARGS__, zk_basename(__FILE__), __LINE__)
-#define launch_2d_heavy(nx, ny, ...) zk_launch_2d_heavy((nx), (ny), __VA_ARGS__, zk_basename(__FILE__), __LINE__)
+#define launch_2d_heavy(nx, ny, ...) zk_launch_2d((nx), (ny), __VA_ARGS__, zk_basename(__FILE__), __LINE__, true)

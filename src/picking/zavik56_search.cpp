@@ -1,7 +1,16 @@
 #include "picking/zavik56_search.h"
 
+#include <omp.h>
+#include <sys/sysinfo.h>
+
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <vector>
+
+#if defined(ZAVIK_HAVE_CUDA)
+#include <cuda_runtime.h>
+#endif
 
 #include "device/cuda_fft.h"
 #include "device/cuda_general.h"
@@ -112,16 +121,6 @@ int zavik_ccmax_by_one_template(const float* mic, const float* mask, float* ccma
 
 // ---------------------------------------------------------------------------
 // The search of a whole run.
-
-#include <omp.h>
-#include <sys/sysinfo.h>
-
-#include <algorithm>
-#include <vector>
-
-#if defined(ZAVIK_HAVE_CUDA)
-#include <cuda_runtime.h>
-#endif
 
 namespace {
 
