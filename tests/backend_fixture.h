@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "device/cuda_general.h"
 
@@ -28,3 +29,18 @@ inline std::string backend_name(const ::testing::TestParamInfo<ZkBackend>& info)
 #define ZK_BACKEND_SUITE(Fixture) \
   INSTANTIATE_TEST_SUITE_P(Backends, Fixture, ::testing::Values(ZkBackend::Host, ZkBackend::Gpu), backend_name)
 
+
+// Device round trips of plain host vectors, on the back end in force.
+template <class T>
+T* to_dev(const std::vector<T>& h) {
+  T* d = nullptr;
+  safe_cudaMalloc((void**)&d, h.size() * sizeof(T));
+  memcpy_H2D(d, h.data(), h.size() * sizeof(T));
+  return d;
+}
+template <class T>
+std::vector<T> from_dev(const T* d, size_t n) {
+  std::vector<T> h(n);
+  memcpy_D2H(h.data(), d, n * sizeof(T));
+  return h;
+}

@@ -56,20 +56,6 @@ std::vector<double> naive_c2r(const std::vector<cd>& h, int nx, int ny) {
   return out;
 }
 
-// Device round trips of plain host vectors.
-template <class T>
-T* to_dev(const std::vector<T>& h) {
-  T* d = nullptr;
-  safe_cudaMalloc((void**)&d, h.size() * sizeof(T));
-  memcpy_H2D(d, h.data(), h.size() * sizeof(T));
-  return d;
-}
-template <class T>
-std::vector<T> from_dev(const T* d, size_t n) {
-  std::vector<T> h(n);
-  memcpy_D2H(h.data(), d, n * sizeof(T));
-  return h;
-}
 
 std::vector<float2> r2c_dev(const std::vector<float>& a, int nx, int ny) {
   float* d_a = to_dev(a);

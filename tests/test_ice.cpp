@@ -25,19 +25,6 @@ std::vector<float> noise_image(int nx, int ny, unsigned seed, float sd) {
   return v;
 }
 
-template <class T>
-T* to_dev(const std::vector<T>& h) {
-  T* d = nullptr;
-  safe_cudaMalloc((void**)&d, h.size() * sizeof(T));
-  memcpy_H2D(d, h.data(), h.size() * sizeof(T));
-  return d;
-}
-template <class T>
-std::vector<T> from_dev(const T* d, size_t n) {
-  std::vector<T> h(n);
-  memcpy_D2H(h.data(), d, n * sizeof(T));
-  return h;
-}
 
 bool bits_equal(const std::vector<float>& a, const std::vector<float>& b) {
   return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;

@@ -30,13 +30,6 @@ std::string make_synth(const ZkTmpDir& dir, const std::string& name = "m.mrc") {
   return mic;
 }
 
-template <class T>
-std::vector<T> from_dev(const T* d, size_t n) {
-  std::vector<T> h(n);
-  memcpy_D2H(h.data(), d, n * sizeof(T));
-  return h;
-}
-
 std::vector<float> read_mrc(const std::string& name, int* nx, int* ny, int* nz) {
   MRC_HEAD head;
   mrcf_read_head(name.c_str(), &head);

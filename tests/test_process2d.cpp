@@ -20,16 +20,6 @@ std::vector<float> ramp_image(int nx, int ny, unsigned seed) {
   return v;
 }
 
-float* to_dev(const std::vector<float>& h) {
-  float* d = d_alloc_float(h.size());
-  memcpy_H2D(d, h.data(), h.size() * sizeof(float));
-  return d;
-}
-std::vector<float> from_dev(const float* d, size_t n) {
-  std::vector<float> h(n);
-  memcpy_D2H(h.data(), d, n * sizeof(float));
-  return h;
-}
 
 }  // namespace
 
