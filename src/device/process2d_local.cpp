@@ -75,37 +75,57 @@ const ZkDisc& get_disc(int px, int py, float R, float s) {
   return d;
 }
 
+// The half spectrum of the image over its period: the image itself, or with
+// pad its mirror-padded form of 2nx by 2ny.
+void period_spectrum(float2* A, const float* in, int nx, int ny, bool pad) {
+  if (!pad) {
+    hcuda_2d_fft_r2c(in, A, nx, ny);
+    return;
+  }
+  float* work = d_alloc_float((size_t)4 * nx * ny);
+  hcuda_2d_mirror_pad(work, in, nx, ny);
+  hcuda_2d_fft_r2c(work, A, 2 * nx, 2 * ny);
+  device_free(work);
+}
+
 // Correlation with the disc over a px by py period, zero lag moved to the
-// centre, divided by the disc's sum.  With pad the period is the mirror-padded
-// image and the quadrant at the origin is kept.
-void local_mean(float* out, const float* in, int nx, int ny, float R, float s, bool pad) {
+// centre, divided by the disc's sum, from the image's spectrum A over that
+// period.  With pad the period is the mirror-padded image and the quadrant at
+// the origin is kept.  A is kept when keep is set, used up otherwise.
+void spectrum_mean(float* out, float2* A, bool keep, int nx, int ny, float R, float s, bool pad) {
   const int px = pad ? 2 * nx : nx, py = pad ? 2 * ny : ny;
   const ZkDisc& disc = get_disc(px, py, R, s);
-  const size_t n = (size_t)px * py;
+  const size_t n = (size_t)px * py, nhalf = (size_t)(px / 2 + 1) * py;
   float* work = d_alloc_float(n);
-  float2* A = d_alloc_float2((size_t)(px / 2 + 1) * py);
-  if (pad) {
-    hcuda_2d_mirror_pad(work, in, nx, ny);
-    hcuda_2d_fft_r2c(work, A, px, py);
-  } else {
-    hcuda_2d_fft_r2c(in, A, px, py);
-  }
+  float2* B = keep ? d_alloc_float2(nhalf) : A;
   // The division by px*py is the scale of the transform pair.
-  hcuda_c2d_multconj_norm_inplace(A, disc.M, px / 2 + 1, py, (float)(px * py));
-  hcuda_2d_fft_c2r(A, work, px, py);
+  hcuda_c2d_multconj_norm(A, disc.M, B, px / 2 + 1, py, (float)(px * py));
+  hcuda_2d_fft_c2r(B, work, px, py);
   hcuda_2d_swap_ccf_inplace(work, px, py);
   hcuda_2d_divide_inplace(work, px, py, disc.W);
   if (pad)
     hcuda_2d_mirror_pad_inv(out, work, nx, ny);
   else
     ZK_CHECK(memcpy_D2D(out, work, n * sizeof(float)));
-  device_free(A);
+  if (keep) device_free(B);
   device_free(work);
 }
 
-void local_sigma(float* out, const float* in, int nx, int ny, float R, float s, bool pad) {
+void local_mean(float* out, const float* in, int nx, int ny, float R, float s, bool pad) {
+  const int px = pad ? 2 * nx : nx, py = pad ? 2 * ny : ny;
+  float2* A = d_alloc_float2((size_t)(px / 2 + 1) * py);
+  period_spectrum(A, in, nx, ny, pad);
+  spectrum_mean(out, A, false, nx, ny, R, s, pad);
+  device_free(A);
+}
+
+// The mean of in comes from its spectrum A (kept) where one is given.
+void local_sigma(float* out, const float* in, const float2* A, int nx, int ny, float R, float s, bool pad) {
   float* t = d_alloc_float((size_t)nx * ny);
-  local_mean(t, in, nx, ny, R, s, pad);
+  if (A)
+    spectrum_mean(t, const_cast<float2*>(A), true, nx, ny, R, s, pad);
+  else
+    local_mean(t, in, nx, ny, R, s, pad);
   hcuda_2d_sqr_inplace(t, nx, ny);
   hcuda_2d_sqr(out, in, nx, ny);
   local_mean(out, out, nx, ny, R, s, pad);
@@ -155,10 +175,19 @@ void hcuda_2d_local_ave_softR_mpad(float* out, const float* in, int nx, int ny, 
   hcuda_2d_bg_mpad(out, in, nx, ny, R, s);
 }
 void hcuda_2d_local_sigma_softR(float* out, const float* in, int nx, int ny, float R, float s) {
-  local_sigma(out, in, nx, ny, R, s, false);
+  local_sigma(out, in, nullptr, nx, ny, R, s, false);
 }
 void hcuda_2d_local_sigma_softR_mpad(float* out, const float* in, int nx, int ny, float R, float s) {
-  local_sigma(out, in, nx, ny, R, s, true);
+  local_sigma(out, in, nullptr, nx, ny, R, s, true);
+}
+
+void hcuda_2d_mpad_fft_r2c(float2* out, const float* in, int nx, int ny) { period_spectrum(out, in, nx, ny, true); }
+void hcuda_2d_local_ave_softR_mpad_f(float* out, const float2* in_f, int nx, int ny, float R, float s) {
+  spectrum_mean(out, const_cast<float2*>(in_f), true, nx, ny, R, s, true);
+}
+void hcuda_2d_local_sigma_softR_mpad_f(float* out, const float* in, const float2* in_f, int nx, int ny, float R,
+                                       float s) {
+  local_sigma(out, in, in_f, nx, ny, R, s, true);
 }
 
 void gpu_2d_bg(float* out, const float* in, int nx, int ny, float R, float s) {

@@ -10,6 +10,7 @@
 // to the opposite side.  The disc of output pixel (x, y) is centred on
 // (x - 0.5, y - 0.5).  Even sizes.  out may be in.
 #pragma once
+#include "device/hd.h"
 
 // Device images.
 void hcuda_2d_bg_mpad(float* out, const float* in, int nx, int ny, float R, float s);
@@ -26,6 +27,14 @@ void hcuda_2d_local_ave_softR_mpad(float* out, const float* in, int nx, int ny, 
 // below zero gives NaN.  out must not be in.
 void hcuda_2d_local_sigma_softR(float* out, const float* in, int nx, int ny, float R, float s);
 void hcuda_2d_local_sigma_softR_mpad(float* out, const float* in, int nx, int ny, float R, float s);
+
+// The same from the image's mirror-padded spectrum in_f (nx + 1 by 2ny
+// float2, kept), made once by hcuda_2d_mpad_fft_r2c for every statistic and
+// filter of one image.  Results are those of the forms above, bit for bit.
+void hcuda_2d_mpad_fft_r2c(float2* out, const float* in, int nx, int ny);
+void hcuda_2d_local_ave_softR_mpad_f(float* out, const float2* in_f, int nx, int ny, float R, float s);
+void hcuda_2d_local_sigma_softR_mpad_f(float* out, const float* in, const float2* in_f, int nx, int ny, float R,
+                                       float s);
 
 // Staged forms on host images.
 void gpu_2d_bg(float* out, const float* in, int nx, int ny, float R, float s);

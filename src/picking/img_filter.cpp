@@ -5,6 +5,7 @@
 #include "device/cuda_fft.h"
 #include "device/cuda_general.h"
 #include "device/launch.h"
+#include "device/process2d_local.h"
 #include "device/process2d_raw.h"
 #include "device/report.h"
 #include "formats/mrcfile.h"
@@ -70,18 +71,23 @@ void filter_plain(const float* in, float* out, int n, ZkBandFilter f) {
   device_free(spectrum);
 }
 
-// Mirror-padded filter: 2n by 2n real work image, (n + 1) by 2n spectrum.
-void filter_mpad(const float* in, float* out, int n, ZkBandFilter f) {
+// The inverse half of the mirror-padded filter: the spectrum of the 2n by 2n
+// padded image is filtered (in place) and brought back to the n by n image.
+void filter_mpad_spectrum(float2* spectrum, float* out, int n, ZkBandFilter f) {
   const int N = 2 * n;
   float* work = d_alloc_float((size_t)N * N);
-  float2* spectrum = d_alloc_float2((size_t)(n + 1) * N);
-  hcuda_2d_mirror_pad(work, in, n, n);
-  hcuda_2d_fft_r2c(work, spectrum, N, N);
   apply_filter(spectrum, N, f);
   hcuda_2d_fft_c2r(spectrum, work, N, N);
   hcuda_2d_mirror_pad_inv(out, work, n, n);
-  device_free(spectrum);
   device_free(work);
+}
+
+// Mirror-padded filter: 2n by 2n real work image, (n + 1) by 2n spectrum.
+void filter_mpad(const float* in, float* out, int n, ZkBandFilter f) {
+  float2* spectrum = d_alloc_float2((size_t)(n + 1) * 2 * n);
+  hcuda_2d_mpad_fft_r2c(spectrum, in, n, n);
+  filter_mpad_spectrum(spectrum, out, n, f);
+  device_free(spectrum);
 }
 
 // A host image through the device and back.
@@ -108,6 +114,9 @@ void hcuda_2d_bandpass_guas_mpad(const float* in, float* out, int n, float apix,
 }
 void hcuda_2d_bandpass_guas_mpad_inplace(float* img, int n, float apix, float a, float b) {
   hcuda_2d_bandpass_guas_mpad(img, img, n, apix, a, b);
+}
+void hcuda_2d_bandpass_guas_mpad_f(float2* in_f, float* out, int n, float apix, float a, float b) {
+  filter_mpad_spectrum(in_f, out, n, band_filter(ZK_BAND_GUAS, 2 * n, apix, a, b, 0.0f));
 }
 
 void hcuda_2d_bandpass_softR(const float* in, float* out, int n, float apix, float a, float b, float soft) {

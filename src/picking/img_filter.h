@@ -84,6 +84,9 @@ void hcuda_2d_bandpass_softR_mpad(const float* in, float* out, int n, float apix
 void hcuda_2d_bandpass_softR_mpad_inplace(float* img, int n, float apix, float a, float b, float soft);
 void hcuda_2d_bandpass_guas_mpad(const float* in, float* out, int n, float apix, float a, float b);
 void hcuda_2d_bandpass_guas_mpad_inplace(float* img, int n, float apix, float a, float b);
+// The same from the spectrum of the mirror-padded image (hcuda_2d_mpad_fft_r2c),
+// which is used up; the result is that of the forms above, bit for bit.
+void hcuda_2d_bandpass_guas_mpad_f(float2* in_f, float* out, int n, float apix, float a, float b);
 // Plain: N = n, the image's own periodic transform.
 void hcuda_2d_bandpass_softR(const float* in, float* out, int n, float apix, float a, float b, float soft);
 void hcuda_2d_bandpass_softR_inplace(float* img, int n, float apix, float a, float b, float soft);

@@ -53,6 +53,15 @@ int output_ice_coord(const char* name, const unsigned int* ice, const float* ave
 
 int hcuda_2d_ice_detect(const float* d_mic, int nx, int ny, int2 origin, unsigned int* d_ice, const char* mic,
                         const Zavik_Para* para) {
+  float2* mic_f = d_alloc_float2((size_t)(nx + 1) * 2 * ny);
+  hcuda_2d_mpad_fft_r2c(mic_f, d_mic, nx, ny);
+  hcuda_2d_ice_detect(d_mic, mic_f, nx, ny, origin, d_ice, mic, para);
+  device_free(mic_f);
+  return 0;
+}
+
+int hcuda_2d_ice_detect(const float* d_mic, const float2* d_mic_mpad_f, int nx, int ny, int2 origin,
+                        unsigned int* d_ice, const char* mic, const Zavik_Para* para) {
   const size_t npix = (size_t)nx * ny;
   float* d_sigma = d_alloc_float(npix);
   float* d_ave = d_alloc_float(npix);
@@ -66,8 +75,8 @@ int hcuda_2d_ice_detect(const float* d_mic, int nx, int ny, int2 origin, unsigne
   std::vector<unsigned int> h_ice(ncell);
   std::vector<float> h_ave(ncell), h_sigma(ncell);
 
-  hcuda_2d_local_sigma_softR_mpad(d_sigma, d_mic, nx, ny, para->lsigma_R, para->local_soft_edge);
-  hcuda_2d_local_ave_softR_mpad(d_ave, d_mic, nx, ny, para->lave_R, para->local_soft_edge);
+  hcuda_2d_local_sigma_softR_mpad_f(d_sigma, d_mic, d_mic_mpad_f, nx, ny, para->lsigma_R, para->local_soft_edge);
+  hcuda_2d_local_ave_softR_mpad_f(d_ave, d_mic_mpad_f, nx, ny, para->lave_R, para->local_soft_edge);
   hcuda_find_sigma_grids(d_ave, d_sigma, d_ice, d_cell_ave, d_cell_sigma, nx, ny, g, para->lave_min, para->lave_max,
                          para->lsigma_cutoff);
   ZK_CHECK(memcpy_D2H(h_ice.data(), d_ice, ncell * sizeof(unsigned int)));

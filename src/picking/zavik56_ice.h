@@ -66,6 +66,11 @@ HDI void cuda_2d_generate_mask_by_coords(int cx, int cy, float* mask, int nx, in
 // grid cell, zavik_grid_cell(para), for which d_ice is sized.  Returns 0.
 int hcuda_2d_ice_detect(const float* d_mic, int nx, int ny, int2 origin, unsigned int* d_ice, const char* mic,
                         const Zavik_Para* para);
+// The same with the spectrum of the mirror-padded d_mic (hcuda_2d_mpad_fft_r2c,
+// kept), which the caller shares with its band-pass; the results are the
+// same bit for bit.
+int hcuda_2d_ice_detect(const float* d_mic, const float2* d_mic_mpad_f, int nx, int ny, int2 origin,
+                        unsigned int* d_ice, const char* mic, const Zavik_Para* para);
 // The cell scan, one thread a cell: d_ice, and the running average and sigma
 // of each cell's last hit (or first pixel) in cell_ave and cell_sigma.
 void hcuda_find_sigma_grids(const float* ave, const float* sigma, unsigned int* d_ice, float* cell_ave,
