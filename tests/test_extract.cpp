@@ -110,19 +110,6 @@ TEST(ExtractCut, CornersInsideAndOverEveryEdge) {
   expect_cutouts(all.data(), corners, w, h, nx, ny);
 }
 
-// Image k of the stack is particle k / 16, frame k % 16; all use w and h given.
-TEST(ExtractCut, SixteenFrameMovieKeepsTheFramesOfAParticleTogether) {
-  const int nx = 24, ny = 18, nz = 16, w = 5, h = 4;
-  std::vector<float> movie = coded_image(nx, ny, nz);
-  const PTCL_BOX boxes[3] = {box_at(2, 3, w, h), box_at(20, 15, 9, 9), box_at(-1, 0, 0, 0)};
-  std::vector<float> out((size_t)3 * nz * w * h, -1.0f);
-  cpu_x2d_extract_ptcls_from_movie(out.data(), w, h, nz, 3, movie.data(), nx, ny, boxes);
-  expect_cutouts(out.data(), {make_i2(2, 3), make_i2(20, 15), make_i2(-1, 0)}, w, h, nx, ny, nz);
-  std::vector<float> one((size_t)nz * w * h);
-  cpu_x2d_movie_extract_small_from_large(one.data(), w, h, nz, movie.data(), nx, ny, 20, 15);
-  EXPECT_EQ(std::vector<float>(out.begin() + 16 * w * h, out.begin() + 32 * w * h), one);
-}
-
 TEST(ExtractCut, BoxesOutsideAreSkippedWithAWarning) {
   const int nx = 10, ny = 8;
   std::vector<float> img = coded_image(nx, ny);
@@ -220,8 +207,12 @@ TEST(ExtractFile, SixteenFrameMovieGivesFortyEightImages) {
   EXPECT_EQ(head->nx, w);
   EXPECT_EQ(head->ny, h);
   EXPECT_EQ(head->nz, 48);
+  // Image k is particle k / 16, frame k % 16, all of the first box's size.
   float* d = get_mrcf_data_all(stack.c_str());
   expect_cutouts(d, {make_i2(1, 2), make_i2(16, 13), make_i2(7, 0)}, w, h, nx, ny, nz);
+  std::vector<float> one((size_t)nz * w * h);  // the frames of one particle, over the corner
+  cpu_x2d_movie_extract_small_from_large(one.data(), w, h, nz, frames.data(), nx, ny, 16, 13);
+  EXPECT_EQ(std::vector<float>(d + 16 * w * h, d + 32 * w * h), one);
   free(d);
   free(head);
 }

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdint>
 #include <cstring>
 #include <random>
 #include <string>
@@ -145,26 +144,7 @@ TEST_P(TemplateScaling, ScalingUpThenShrinking) {
 
 ZK_BACKEND_SUITE(TemplateScaling);
 
-TEST(Templates, SixteenBitFileIsRead) {
-  ZkTmpDir tmp;
-  const std::string f = tmp / "t16.mrc";
-  MRC_HEAD head;
-  mrc_init_head(&head);
-  mrc_set_head_xyz_mode(&head, 4, 3, 2, MRC_MODE_SHORT);
-  FILE* fp = fopen(f.c_str(), "wb");
-  mrc_write_head(fp, &head);
-  for (int16_t v = -12; v < 12; ++v) fwrite(&v, sizeof v, 1, fp);
-  fclose(fp);
-  int Tx, Ty, Nt;
-  float* T = get_template_data(Tx, Ty, Nt, f.c_str());
-  ASSERT_EQ(Tx, 4);
-  ASSERT_EQ(Ty, 3);
-  ASSERT_EQ(Nt, 2);
-  for (int i = 0; i < 24; ++i) EXPECT_EQ(T[i], (float)(i - 12));
-  destroy_template_data(T);
-}
-
-TEST(Templates, MissingFileOrZeroPixelSizeEndsTheRun) {
+TEST(Templates, UnusableFilesOrPixelSizesEndTheRun) {
   int Tx, Ty, Nt;
   EXPECT_EXIT(
       {
@@ -184,6 +164,22 @@ TEST(Templates, MissingFileOrZeroPixelSizeEndsTheRun) {
         get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 0.0f, 1.0f, 1, 0.05f);
       },
       ::testing::ExitedWithCode(1), "The pixel sizes of templates and micrographs must be greater than 0");
+  // A head without templates.
+  MRC_HEAD head;
+  mrc_init_head(&head);
+  mrc_set_head_xyz_mode(&head, 4, 3, 0, MRC_MODE_FLOAT);
+  const std::string e = tmp / "empty.mrc";
+  FILE* fp = fopen(e.c_str(), "wb");
+  mrc_write_head(fp, &head);
+  fclose(fp);
+  EXPECT_EXIT(
+      {
+        ZK_STDOUT_TO_STDERR();
+        get_template_data(Tx, Ty, Nt, e.c_str());
+      },
+      ::testing::ExitedWithCode(1),
+      "Template file " + e + " has no usable size or mode in its head: Nx 4, Ny 3, Nz 0, mode 2.\nError in function "
+      "get_template_data\\(\\), file zavik56_templates.cpp on line [0-9]+: unusable template file! Exit now!");
 }
 
 TEST(Templates, NormalisationTypes) {
