@@ -216,23 +216,15 @@ TEST_P(IceCells, StrictRunningValuesOfTheCellScan) {
   std::vector<unsigned int> ice = from_dev(d_ice, 6);
   std::vector<float> ca = from_dev(d_ca, 6), cs = from_dev(d_cs, 6);
 
-  const unsigned int want[6] = {0, 2 * 10 + 6, 0, 5 * 10 + 1, 4 * 10 + 5, 6 * 10 + 9};
-  for (int c = 0; c < 6; ++c) EXPECT_EQ(ice[c], want[c]) << "cell " << c;
   // Running values: the first pixel's where nothing hit, else the last hit's.
-  EXPECT_FLOAT_EQ(cs[0], 3.0f);
-  EXPECT_FLOAT_EQ(cs[1], 2.5f);
-  EXPECT_FLOAT_EQ(ca[1], 0.3f);
-  EXPECT_FLOAT_EQ(ca[2], -3.0f);
-  EXPECT_FLOAT_EQ(ca[3], -1.5f);
-  EXPECT_FLOAT_EQ(cs[3], 0.2f);
-  EXPECT_FLOAT_EQ(ca[4], -2.0f);
-  EXPECT_FLOAT_EQ(cs[4], 2.0f);
-  EXPECT_FLOAT_EQ(ca[5], 2.0f);
-  device_free(d_ave);
-  device_free(d_sig);
-  device_free(d_ice);
-  device_free(d_ca);
-  device_free(d_cs);
+  const unsigned int want[6] = {0, 2 * 10 + 6, 0, 5 * 10 + 1, 4 * 10 + 5, 6 * 10 + 9};
+  const float want_ca[6] = {0.0f, 0.3f, -3.0f, -1.5f, -2.0f, 2.0f}, want_cs[6] = {3.0f, 2.5f, 0.5f, 0.2f, 2.0f, 0.5f};
+  for (int c = 0; c < 6; ++c) {
+    EXPECT_EQ(ice[c], want[c]) << "cell " << c;
+    EXPECT_FLOAT_EQ(ca[c], want_ca[c]) << "cell " << c;
+    EXPECT_FLOAT_EQ(cs[c], want_cs[c]) << "cell " << c;
+  }
+  for (void* d : {(void*)d_ave, (void*)d_sig, (void*)d_ice, (void*)d_ca, (void*)d_cs}) device_free(d);
 }
 
 // A 192 by 192 image in cells of 32: a dark disc in cell (2, 1), a bright
@@ -382,10 +374,7 @@ TEST_P(Exclusion, CoordinatesEnterTheirCells) {
   unsigned int* d_ice = to_dev(start);
   auto box = [](int x, int y, int w, int h) {
     PTCL_BOX b = one_new_ptcl_box();
-    b.x = x;
-    b.y = y;
-    b.w = w;
-    b.h = h;
+    b.x = x, b.y = y, b.w = w, b.h = h;
     return b;
   };
   std::vector<PTCL_BOX> boxes = {
