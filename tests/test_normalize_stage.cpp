@@ -105,16 +105,17 @@ struct StageRun {
   size_t cells() const { return (size_t)run.Gx * run.Gy; }
 };
 
-// Mean and deviation of a under weights m, in double.
-void masked_stats(const std::vector<float>& a, const std::vector<float>& m, double* mean, double* sd) {
+// a has mean 0 and deviation 1 under the weights m, in double.
+void expect_normalised(const std::vector<float>& a, const std::vector<float>& m) {
   double sw = 0, s = 0, ss = 0;
   for (size_t i = 0; i < a.size(); ++i) {
     sw += m[i];
     s += m[i] * a[i];
   }
-  *mean = s / sw;
-  for (size_t i = 0; i < a.size(); ++i) ss += m[i] * (a[i] - *mean) * (a[i] - *mean);
-  *sd = std::sqrt(ss / sw);
+  const double mean = s / sw;
+  for (size_t i = 0; i < a.size(); ++i) ss += m[i] * (a[i] - mean) * (a[i] - mean);
+  EXPECT_NEAR(mean, 0.0, 1e-4);
+  EXPECT_NEAR(std::sqrt(ss / sw), 1.0, 1e-4);
 }
 
 // The mask that d_ice stands for: 0 in each cell with a word, 1 elsewhere.
@@ -166,10 +167,7 @@ TEST_P(NormalizeStage, OutputFilesUnderTheirFlags) {
   // the rejected pixels keep their scaled values.
   std::vector<float> bgfree = read_image(dir / "m_bgfree.mrc", L);
   EXPECT_TRUE(bits_equal(bgfree, from_dev(s.run.d_mic, s.LL())));
-  double mean, sd;
-  masked_stats(bgfree, mask, &mean, &sd);
-  EXPECT_NEAR(mean, 0.0, 1e-4);
-  EXPECT_NEAR(sd, 1.0, 1e-4);
+  expect_normalised(bgfree, mask);
   size_t nonzero_rejected = 0;
   for (size_t i = 0; i < mask.size(); ++i) nonzero_rejected += mask[i] == 0.0f && bgfree[i] != 0.0f;
   EXPECT_GT(nonzero_rejected, 0u);
@@ -197,10 +195,7 @@ TEST_P(NormalizeStage, WithoutIceDetectionEveryCellIsFree) {
   for (unsigned int w : from_dev(s.run.d_ice, s.cells())) ASSERT_EQ(w, 0u);
   for (float v : from_dev(s.run.d_mask, s.LL())) ASSERT_EQ(v, 1.0f);
   std::vector<float> img = from_dev(s.run.d_mic, s.LL());
-  double mean, sd;
-  masked_stats(img, std::vector<float>(img.size(), 1.0f), &mean, &sd);
-  EXPECT_NEAR(mean, 0.0, 1e-4);
-  EXPECT_NEAR(sd, 1.0, 1e-4);
+  expect_normalised(img, std::vector<float>(img.size(), 1.0f));
 }
 
 // The micrograph's exclusion boxes reject their cells only under
@@ -234,10 +229,7 @@ TEST_P(NormalizeStage, ExclusionEntersTheMask) {
     EXPECT_EQ(ice, want) << "mask_excluded " << mask_excluded;
     std::vector<float> mask = from_dev(s.run.d_mask, s.LL());
     EXPECT_TRUE(bits_equal(mask, mask_of(want, 128, 10, 13)));
-    double mean, sd;
-    masked_stats(from_dev(s.run.d_mic, s.LL()), mask, &mean, &sd);
-    EXPECT_NEAR(mean, 0.0, 1e-4);
-    EXPECT_NEAR(sd, 1.0, 1e-4);
+    expect_normalised(from_dev(s.run.d_mic, s.LL()), mask);
   }
 }
 
