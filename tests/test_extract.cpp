@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <functional>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -27,10 +26,17 @@ std::vector<float> coded_image(int nx, int ny, int nz = 1) {
   return v;
 }
 
-// What a cut-out must hold: the coded value inside the image, 0 outside.
-float expected(int x0, int y0, int i, int j, int nx, int ny, int f = 0) {
-  int x = x0 + i, y = y0 + j;
-  return (x < 0 || y < 0 || x >= nx || y >= ny) ? 0.0f : code(x, y, f);
+// A stack of w x h cut-outs of a coded nx x ny image (frames frames each, in
+// particle order): the coded value inside the image, 0 outside.
+void expect_cutouts(const float* out, const std::vector<int2>& corners, int w, int h, int nx, int ny,
+                    int frames = 1) {
+  for (size_t k = 0; k < corners.size() * frames; ++k)
+    for (int j = 0; j < h; ++j)
+      for (int i = 0; i < w; ++i) {
+        const int x = corners[k / frames].x + i, y = corners[k / frames].y + j;
+        const float want = (x < 0 || y < 0 || x >= nx || y >= ny) ? 0.0f : code(x, y, (int)(k % frames));
+        ASSERT_EQ(out[(k * h + j) * w + i], want) << "image " << k << " at " << i << "," << j;
+      }
 }
 
 void write_text(const std::string& p, const std::string& text) {
@@ -55,79 +61,53 @@ PTCL_BOX box_at(int x, int y, int w, int h) {
   return b;
 }
 
-std::string captured_stdout(const std::function<void()>& fn) {
-  fflush(stdout);
-  testing::internal::CaptureStdout();
-  fn();
-  fflush(stdout);
-  return testing::internal::GetCapturedStdout();
+// The report goes to stdout; death tests read stderr.
+#define EXPECT_DIES(stmt, regex) \
+  EXPECT_EXIT({ ZK_STDOUT_TO_STDERR(); stmt; }, ::testing::ExitedWithCode(1), regex)
+
+// A mode 1 micrograph of nx x ny shorts with value x + 100 y, written byte by byte.
+void write_short_micrograph(const std::string& p, int nx, int ny) {
+  std::vector<unsigned char> b(1024, 0);
+  int32_t head[4] = {nx, ny, 1, 1};
+  memcpy(b.data(), head, 16);
+  memcpy(&b[208], "MAP ", 4);
+  b[212] = 0x44;
+  b[213] = 0x41;
+  for (int y = 0; y < ny; ++y)
+    for (int x = 0; x < nx; ++x) {
+      int16_t v = (int16_t)code(x, y);
+      b.push_back((unsigned char)(v & 0xFF));
+      b.push_back((unsigned char)((uint16_t)v >> 8));
+    }
+  FILE* f = fopen(p.c_str(), "wb");
+  fwrite(b.data(), 1, b.size(), f);
+  fclose(f);
 }
 
 }  // namespace
 
-// ---------------------------------------------------------------- cutting
-
+// Corners inside and over every edge, one at a time and as a list.
 TEST(ExtractCut, CornersInsideAndOverEveryEdge) {
   const int nx = 30, ny = 20, w = 16, h = 8;
   std::vector<float> img = coded_image(nx, ny);
-  const int corners[][2] = {{3, 4}, {-10, 5}, {20, 2}, {7, -3}, {9, 15}, {-20, -9}, {14, 12}, {100, 100}, {-16, 0}};
-  for (auto& c : corners) {
+  const std::vector<int2> corners = {make_i2(3, 4),   make_i2(-10, 5), make_i2(20, 2),    make_i2(7, -3),
+                                     make_i2(9, 15),  make_i2(-20, -9), make_i2(14, 12), make_i2(100, 100),
+                                     make_i2(-16, 0), make_i2(0, 0)};
+  for (const int2& c : corners) {
     std::vector<float> out(w * h, -1.0f);
-    cpu_x2d_extract_small_from_large(out.data(), w, h, img.data(), nx, ny, c[0], c[1]);
-    for (int j = 0; j < h; ++j)
-      for (int i = 0; i < w; ++i)
-        ASSERT_EQ(out[j * w + i], expected(c[0], c[1], i, j, nx, ny)) << c[0] << "," << c[1] << " at " << i << "," << j;
+    cpu_x2d_extract_small_from_large(out.data(), w, h, img.data(), nx, ny, c.x, c.y);
+    expect_cutouts(out.data(), {c}, w, h, nx, ny);
   }
-  // Over the left edge by 10: ten columns of 0.0, then the image's first columns.
-  std::vector<float> out(w * h);
-  cpu_x2d_extract_small_from_large(out.data(), w, h, img.data(), nx, ny, -10, 5);
-  for (int j = 0; j < h; ++j) {
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(out[j * w + i], 0.0f);
-    EXPECT_EQ(out[j * w + 10], code(0, 5 + j));
-    EXPECT_EQ(out[j * w + 15], code(5, 5 + j));
-  }
-}
+  std::vector<float> all(corners.size() * w * h, -1.0f);
+  cpu_x2d_extract_smalls_from_large(all.data(), w, h, (int)corners.size(), img.data(), nx, ny, corners.data());
+  expect_cutouts(all.data(), corners, w, h, nx, ny);
 
-TEST(ExtractCut, CornersFromInt2) {
-  const int nx = 12, ny = 10, w = 4, h = 3;
-  std::vector<float> img = coded_image(nx, ny);
-  const int2 c[3] = {make_i2(0, 0), make_i2(10, 8), make_i2(-2, 1)};
-  std::vector<float> out(3 * w * h, -1.0f);
-  cpu_x2d_extract_smalls_from_large(out.data(), w, h, 3, img.data(), nx, ny, c);
-  for (int p = 0; p < 3; ++p)
-    for (int j = 0; j < h; ++j)
-      for (int i = 0; i < w; ++i) EXPECT_EQ(out[(p * h + j) * w + i], expected(c[p].x, c[p].y, i, j, nx, ny));
-}
-
-TEST(ExtractCut, SixteenFrameMovieKeepsTheFramesOfAParticleTogether) {
-  const int nx = 24, ny = 18, nz = 16, w = 5, h = 4;
-  std::vector<float> movie = coded_image(nx, ny, nz);
-  const PTCL_BOX boxes[3] = {box_at(2, 3, w, h), box_at(20, 15, 9, 9), box_at(-1, 0, 0, 0)};
-  std::vector<float> out((size_t)3 * nz * w * h, -1.0f);
-  cpu_x2d_extract_ptcls_from_movie(out.data(), w, h, nz, 3, movie.data(), nx, ny, boxes);
-  // Image k of the stack is particle k / 16, frame k % 16; all use w and h given.
-  for (int k = 0; k < 48; ++k) {
-    int p = k / 16, f = k % 16;
-    for (int j = 0; j < h; ++j)
-      for (int i = 0; i < w; ++i)
-        ASSERT_EQ(out[((size_t)k * h + j) * w + i], expected(boxes[p].x, boxes[p].y, i, j, nx, ny, f))
-            << "image " << k;
-  }
-  std::vector<float> one((size_t)nz * w * h);
-  cpu_x2d_movie_extract_small_from_large(one.data(), w, h, nz, movie.data(), nx, ny, 20, 15);
-  EXPECT_EQ(std::vector<float>(out.begin() + 16 * w * h, out.begin() + 32 * w * h), one);
-}
-
-TEST(ExtractCut, MicrographParticlesInListOrder) {
-  const int nx = 16, ny = 16, w = 6, h = 6;
-  std::vector<float> img = coded_image(nx, ny);
-  const PTCL_BOX boxes[4] = {box_at(10, 10, w, h), box_at(0, 0, w, h), box_at(-3, 12, w, h), box_at(5, 1, w, h)};
-  std::vector<float> out(4 * w * h);
-  cpu_x2d_extract_ptcls_from_micrograph(out.data(), w, h, 4, img.data(), nx, ny, boxes);
-  for (int p = 0; p < 4; ++p)
-    for (int j = 0; j < h; ++j)
-      for (int i = 0; i < w; ++i)
-        EXPECT_EQ(out[(p * h + j) * w + i], expected(boxes[p].x, boxes[p].y, i, j, nx, ny));
+  // From boxes, in list order.
+  std::vector<PTCL_BOX> boxes;
+  for (const int2& c : corners) boxes.push_back(box_at(c.x, c.y, w, h));
+  std::fill(all.begin(), all.end(), -1.0f);
+  cpu_x2d_extract_ptcls_from_micrograph(all.data(), w, h, (int)boxes.size(), img.data(), nx, ny, boxes.data());
+  expect_cutouts(all.data(), corners, w, h, nx, ny);
 }
 
 TEST(ExtractCut, BoxesOutsideAreSkippedWithAWarning) {
@@ -137,17 +117,15 @@ TEST(ExtractCut, BoxesOutsideAreSkippedWithAWarning) {
   const PTCL_BOX boxes[5] = {box_at(1, 1, 3, 3), box_at(7, 0, 9, 9), box_at(6, 4, 3, 3), box_at(-1, 2, 3, 3),
                              box_at(2, 5, 3, 3)};
   std::vector<float> out(5 * 9, -1.0f);
-  int n = 0;
-  std::string text =
-      captured_stdout([&] { n = host_2d_read_ptcls_to_2ds_from_boxes(out.data(), boxes, 5, img.data(), nx, ny); });
-  EXPECT_EQ(n, 2);
-  EXPECT_EQ(text,
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(host_2d_read_ptcls_to_2ds_from_boxes(out.data(), boxes, 5, img.data(), nx, ny), 2);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "Warning: box (7 0 9 9)out of range, skip extracting this particle!\n"
             "Warning: box (-1 2 3 3)out of range, skip extracting this particle!\n"
             "Warning: box (2 5 3 3)out of range, skip extracting this particle!\n");
-  for (int p : {0, 2})
-    for (int j = 0; j < 3; ++j)
-      for (int i = 0; i < 3; ++i) EXPECT_EQ(out[p * 9 + j * 3 + i], code(boxes[p].x + i, boxes[p].y + j));
+  // The kept ones fill places 0 and 2; the others stay untouched.
+  expect_cutouts(out.data(), {make_i2(1, 1)}, 3, 3, nx, ny);
+  expect_cutouts(out.data() + 18, {make_i2(6, 4)}, 3, 3, nx, ny);
   for (int p : {1, 3, 4})
     for (int k = 0; k < 9; ++k) EXPECT_EQ(out[p * 9 + k], -1.0f) << p;
 }
@@ -155,17 +133,11 @@ TEST(ExtractCut, BoxesOutsideAreSkippedWithAWarning) {
 class ExtractDevice : public BackendTest {};
 TEST_P(ExtractDevice, CutOutMatchesOnTheDevice) {
   const int nx = 70, ny = 45, w = 40, h = 33;  // more than one 32 x 32 block each way
-  std::vector<float> img = coded_image(nx, ny);
-  float* d_img = d_alloc_float(img.size());
+  float* d_img = to_dev(coded_image(nx, ny));
   float* d_out = d_alloc_float((size_t)w * h);
-  ASSERT_EQ(memcpy_H2D(d_img, img.data(), img.size() * 4), 0);
-  const int corners[][2] = {{5, 6}, {-10, 3}, {50, 30}, {-39, -32}, {0, 0}};
-  for (auto& c : corners) {
-    hcuda_2d_extract_small_from_large(d_out, w, h, d_img, nx, ny, c[0], c[1]);
-    std::vector<float> out((size_t)w * h);
-    ASSERT_EQ(memcpy_D2H(out.data(), d_out, out.size() * 4), 0);
-    for (int j = 0; j < h; ++j)
-      for (int i = 0; i < w; ++i) ASSERT_EQ(out[j * w + i], expected(c[0], c[1], i, j, nx, ny)) << c[0] << "," << c[1];
+  for (const int2& c : {make_i2(5, 6), make_i2(-10, 3), make_i2(50, 30), make_i2(-39, -32), make_i2(0, 0)}) {
+    hcuda_2d_extract_small_from_large(d_out, w, h, d_img, nx, ny, c.x, c.y);
+    expect_cutouts(from_dev(d_out, (size_t)w * h).data(), {c}, w, h, nx, ny);
   }
   device_free(d_img);
   device_free(d_out);
@@ -174,46 +146,21 @@ ZK_BACKEND_SUITE(ExtractDevice);
 
 // ---------------------------------------------------------------- files
 
-namespace {
-
-// A mode 1 micrograph of nx x ny x nz shorts with value x + 100 y + 10000 f
-// (kept in 16 bits by small sizes), written byte by byte.
-void write_short_micrograph(const std::string& p, int nx, int ny, int nz) {
-  std::vector<unsigned char> b(1024, 0);
-  int32_t head[4] = {nx, ny, nz, 1};
-  memcpy(b.data(), head, 16);
-  memcpy(&b[208], "MAP ", 4);
-  b[212] = 0x44;
-  b[213] = 0x41;
-  for (int f = 0; f < nz; ++f)
-    for (int y = 0; y < ny; ++y)
-      for (int x = 0; x < nx; ++x) {
-        int16_t v = (int16_t)code(x, y, f);
-        b.push_back((unsigned char)(v & 0xFF));
-        b.push_back((unsigned char)((uint16_t)v >> 8));
-      }
-  FILE* f = fopen(p.c_str(), "wb");
-  fwrite(b.data(), 1, b.size(), f);
-  fclose(f);
-}
-
-}  // namespace
-
 TEST(ExtractFile, StackBesideTheMicrographWithItsHead) {
   ZkTmpDir dir;
   const int nx = 40, ny = 30, w = 12, h = 12;
   std::string mic = dir / "mic.mrc", boxf = dir / "mic_zavik.box";
-  write_short_micrograph(mic, nx, ny, 1);
-  const int pos[][2] = {{5, 6}, {-10, 2}, {34, 25}, {14, 9}};
+  write_short_micrograph(mic, nx, ny);
+  const std::vector<int2> pos = {make_i2(5, 6), make_i2(-10, 2), make_i2(34, 25), make_i2(14, 9)};
   std::string text;
-  for (auto& p : pos) text += box_line(p[0], p[1], w, h);
+  for (const int2& p : pos) text += box_line(p.x, p.y, w, h);
   write_text(boxf, text);
-  std::string out = captured_stdout(
-      [&] { EXPECT_EQ(mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 0, 0), 0); });
-  EXPECT_EQ(out, "");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 0, 0), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
   std::string stack = dir / "mic_particles.mrcs";
-  ASSERT_TRUE(zk_exists(stack));
   MRC_HEAD* head = get_mrcf_head(stack.c_str());
+  ASSERT_NE(head, nullptr);
   EXPECT_EQ(head->nx, w);
   EXPECT_EQ(head->ny, h);
   EXPECT_EQ(head->nz, 4);
@@ -221,29 +168,21 @@ TEST(ExtractFile, StackBesideTheMicrographWithItsHead) {
   EXPECT_EQ(head->mx, 1);
   EXPECT_EQ(head->xlen, 1.0f);
   float* d = get_mrcf_data_all(stack.c_str());
+  expect_cutouts(d, pos, w, h, nx, ny);
+  const size_t n = (size_t)4 * w * h;
   double sum = 0.0;
-  float mn = 1e30f, mx = -1e30f;
-  for (int k = 0; k < 4; ++k)
-    for (int j = 0; j < h; ++j)
-      for (int i = 0; i < w; ++i) {
-        float e = expected(pos[k][0], pos[k][1], i, j, nx, ny);
-        ASSERT_EQ(d[(k * h + j) * w + i], e) << k;
-        sum += e;
-        mn = std::min(mn, e);
-        mx = std::max(mx, e);
-      }
-  EXPECT_EQ(head->amin, mn);
-  EXPECT_EQ(head->amax, mx);
-  EXPECT_EQ(head->amean, (float)(sum / (4 * w * h)));
+  for (size_t i = 0; i < n; ++i) sum += d[i];
+  EXPECT_EQ(head->amin, *std::min_element(d, d + n));
+  EXPECT_EQ(head->amax, *std::max_element(d, d + n));
+  EXPECT_EQ(head->amean, (float)(sum / n));
   free(d);
   free(head);
 }
 
 TEST(ExtractFile, BoxSizeResizesAroundTheCentreAndInvertNegates) {
   ZkTmpDir dir;
-  const int nx = 50, ny = 40;
   std::string mic = dir / "m.mrc", boxf = dir / "m_zavik.box";
-  write_short_micrograph(mic, nx, ny, 1);
+  write_short_micrograph(mic, 50, 40);
   // 20 x 20 boxes at (10, 8) and (25, 15); a box of 10 moves the corners by 5.
   write_text(boxf, box_line(10, 8, 20, 20) + box_line(25, 15, 20, 20));
   float* s = get_mrcf_data_ptcls(mic.c_str(), boxf.c_str(), 10, 1);
@@ -261,7 +200,6 @@ TEST(ExtractFile, SixteenFrameMovieGivesFortyEightImages) {
   // Frame codes run past 16 bits: a float movie.
   std::vector<float> frames = coded_image(nx, ny, nz);
   mrcf_write_xyz_data(mic.c_str(), frames.data(), nx, ny, nz);
-  const int pos[3][2] = {{1, 2}, {16, 13}, {7, 0}};
   write_text(boxf, box_line(1, 2, w, h) + box_line(16, 13, 99, 99) + box_line(7, 0, 1, 1));
   mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 0, 0);
   std::string stack = dir / "movie_particles.mrcs";
@@ -269,19 +207,21 @@ TEST(ExtractFile, SixteenFrameMovieGivesFortyEightImages) {
   EXPECT_EQ(head->nx, w);
   EXPECT_EQ(head->ny, h);
   EXPECT_EQ(head->nz, 48);
+  // Image k is particle k / 16, frame k % 16, all of the first box's size.
   float* d = get_mrcf_data_all(stack.c_str());
-  for (int k = 0; k < 48; ++k)
-    for (int j = 0; j < h; ++j)
-      for (int i = 0; i < w; ++i)
-        ASSERT_EQ(d[(k * h + j) * w + i], expected(pos[k / 16][0], pos[k / 16][1], i, j, nx, ny, k % 16)) << k;
+  expect_cutouts(d, {make_i2(1, 2), make_i2(16, 13), make_i2(7, 0)}, w, h, nx, ny, nz);
+  std::vector<float> one((size_t)nz * w * h);  // the frames of one particle, over the corner
+  cpu_x2d_movie_extract_small_from_large(one.data(), w, h, nz, frames.data(), nx, ny, 16, 13);
+  EXPECT_EQ(std::vector<float>(d + 16 * w * h, d + 32 * w * h), one);
   free(d);
   free(head);
 }
 
-TEST(ExtractFile, AtMost10240Particles) {
+// At most 10240 particles; an empty list gives a head alone.
+TEST(ExtractFile, ParticleCountLimits) {
   ZkTmpDir dir;
   std::string mic = dir / "many.mrc", boxf = dir / "many_zavik.box";
-  write_short_micrograph(mic, 8, 8, 1);
+  write_short_micrograph(mic, 8, 8);
   std::string text;
   for (int i = 0; i < 10241; ++i) text += box_line(i % 7, (i / 7) % 7, 2, 2);
   write_text(boxf, text);
@@ -294,17 +234,11 @@ TEST(ExtractFile, AtMost10240Particles) {
   const int k = 10239;
   EXPECT_EQ(d[k * 4 + 3], code(k % 7 + 1, (k / 7) % 7 + 1));
   free(d);
-}
 
-TEST(ExtractFile, EmptyListGivesAnEmptyStack) {
-  ZkTmpDir dir;
-  std::string mic = dir / "e.mrc", boxf = dir / "e_zavik.box";
-  write_short_micrograph(mic, 8, 8, 1);
   write_text(boxf, "\n\n");
   mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 64, 0);
-  std::string stack = dir / "e_particles.mrcs";
   EXPECT_EQ(zk_slurp(stack).size(), 1024u);
-  MRC_HEAD* head = get_mrcf_head(stack.c_str());
+  head = get_mrcf_head(stack.c_str());
   EXPECT_EQ(head->nx, 0);
   EXPECT_EQ(head->ny, 0);
   EXPECT_EQ(head->nz, 0);
@@ -323,52 +257,40 @@ TEST(ExtractFile, UnusableMicrographsEndTheRun) {
   FILE* f = fopen(zero.c_str(), "wb");
   fwrite(b.data(), 1, b.size(), f);
   fclose(f);
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        mrcf_x2d_extract_ptcls_from_micrograph(zero.c_str(), boxf.c_str(), 0, 0);
-      },
-      ::testing::ExitedWithCode(1),
-      "Error in function get_mrcf_data_ptcls\\(\\), file process2d_mrc.cpp on line [0-9]+: Micrograph or movie size "
-      "error!! Exit now!");
+  EXPECT_DIES(mrcf_x2d_extract_ptcls_from_micrograph(zero.c_str(), boxf.c_str(), 0, 0),
+              "Error in function get_mrcf_data_ptcls\\(\\), file process2d_mrc.cpp on line [0-9]+: Micrograph or "
+              "movie size error!! Exit now!");
   std::string longer = dir / "l.mrc";
-  write_short_micrograph(longer, 4, 4, 1);
+  write_short_micrograph(longer, 4, 4);
   f = fopen(longer.c_str(), "ab");
   fputc(0, f);
   fclose(f);
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        mrcf_x2d_extract_ptcls_from_micrograph(longer.c_str(), boxf.c_str(), 0, 0);
-      },
-      ::testing::ExitedWithCode(1), "File size error!! Exit now!");
+  EXPECT_DIES(mrcf_x2d_extract_ptcls_from_micrograph(longer.c_str(), boxf.c_str(), 0, 0),
+              "File size error!! Exit now!");
   EXPECT_FALSE(zk_exists(dir / "l_particles.mrcs"));
 }
 
 TEST(ExtractFile, WholeBoxesOnlyFromBoxFile) {
   ZkTmpDir dir;
-  const int nx = 20, ny = 12;
   std::string mic = dir / "w.mrc", boxf = dir / "w_zavik.box";
-  write_short_micrograph(mic, nx, ny, 1);
+  write_short_micrograph(mic, 20, 12);
   write_text(boxf, box_line(1, 1, 4, 4) + box_line(16, 2, 4, 4) + box_line(15, 7, 4, 4));
   std::vector<float> dst(3 * 16, -1.0f);
-  int n = 0;
-  std::string out =
-      captured_stdout([&] { n = mrcf_2d_read_ptcls_to_data_from_boxf(dst.data(), mic.c_str(), boxf.c_str()); });
-  EXPECT_EQ(n, 2);
-  EXPECT_EQ(out, "Warning: box (16 2 4 4)out of range, skip extracting this particle!\n");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(mrcf_2d_read_ptcls_to_data_from_boxf(dst.data(), mic.c_str(), boxf.c_str()), 2);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Warning: box (16 2 4 4)out of range, skip extracting this particle!\n");
   EXPECT_EQ(dst[0], code(1, 1));
   EXPECT_EQ(dst[16], -1.0f);
   EXPECT_EQ(dst[32 + 15], code(18, 10));
   std::string stack = dir / "w_stack.mrcs";
-  captured_stdout(
-      [&] { EXPECT_EQ(mrcf_2d_read_ptcls_to_mrcf_from_boxf(stack.c_str(), mic.c_str(), boxf.c_str()), 2); });
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(mrcf_2d_read_ptcls_to_mrcf_from_boxf(stack.c_str(), mic.c_str(), boxf.c_str()), 2);
+  testing::internal::GetCapturedStdout();
   float* d = get_mrcf_data_all(stack.c_str());
   MRC_HEAD* h = get_mrcf_head(stack.c_str());
   EXPECT_EQ(h->nz, 2);
-  EXPECT_EQ(d[0], code(1, 1));
-  EXPECT_EQ(d[16], code(15, 7));
-  EXPECT_EQ(d[31], code(18, 10));
+  expect_cutouts(d, {make_i2(1, 1), make_i2(15, 7)}, 4, 4, 20, 12);
   free(h);
   free(d);
 }

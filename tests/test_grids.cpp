@@ -24,16 +24,9 @@ GridResult find_filter(const std::vector<float>& map, const std::vector<float>& 
                        float cutoff, std::vector<unsigned int> ice = {}) {
   const int cells = ((nx + G - 1) / G) * ((ny + G - 1) / G);
   if (ice.empty()) ice.assign(cells, 0u);
-  float* d_map = d_alloc_float(map.size());
-  float* d_psi = d_alloc_float(map.size());
-  unsigned int* d_ice = d_alloc_uint(cells);
-  memcpy_H2D(d_map, map.data(), map.size() * sizeof(float));
-  memcpy_H2D(d_psi, psi.data(), psi.size() * sizeof(float));
-  memcpy_H2D(d_ice, ice.data(), cells * sizeof(unsigned int));
-  GridResult r;
-  r.index.resize(cells);
-  r.cc.resize(cells);
-  r.psi.resize(cells);
+  float *d_map = to_dev(map), *d_psi = to_dev(psi);
+  unsigned int* d_ice = to_dev(ice);
+  GridResult r = {std::vector<unsigned int>(cells), std::vector<float>(cells), std::vector<float>(cells)};
   gpu_find_filter_ccmax_psi_grids_exclusive(d_map, d_psi, r.index.data(), r.cc.data(), r.psi.data(), cutoff, nx, ny,
                                             G, d_ice, (unsigned int)cells);
   device_free(d_map);
@@ -69,6 +62,15 @@ TEST_P(Grids, CellMaximumTiesAndTheFirstPixelRule) {
   EXPECT_FLOAT_EQ(r.cc[5], 0.8f);  // the grid still holds the first pixel's score
   EXPECT_EQ(r.index[7], 0u);       // a constant cell has no candidate
   EXPECT_EQ(r.index[8], at(29, 29, nx));
+
+  // 25 x 25: the last cells are clipped to 5 pixels.
+  std::vector<float> map25(25 * 25, 0.0f), psi25(25 * 25, 0.0f);
+  map25[at(24, 24, 25)] = 0.5f;
+  psi25[at(24, 24, 25)] = 355.0f;
+  r = find_filter(map25, psi25, 25, 25, G, 0.1f);
+  ASSERT_EQ(r.index.size(), 9u);
+  EXPECT_EQ(r.index[8], at(24, 24, 25));
+  EXPECT_EQ(r.psi[8], 355.0f);
 }
 
 TEST_P(Grids, CutoffEqualityStaysAndLowerScoresGo) {
@@ -126,12 +128,11 @@ TEST_P(Grids, AChainIsDecidedFromTheCandidatesBeforeThePass) {
 
 TEST_P(Grids, RejectedPositionsRemoveCandidatesWithinReach) {
   const int nx = 40, ny = 40, G = 10;
-  const int cells = 16;
   std::vector<float> map(nx * ny, 0.0f), psi(nx * ny, 0.0f);
   map[at(25, 25, nx)] = 0.9f;  // cell 10
   map[at(35, 5, nx)] = 0.8f;   // cell 3
   map[at(5, 5, nx)] = 0.8f;    // cell 0, near pixel (0, 0)
-  std::vector<unsigned int> ice(cells, 0u);
+  std::vector<unsigned int> ice(16, 0u);
   // An entry of another cell, 13 away in x and 4 in y: d2 = 185 < 200.
   ice[9] = at(12, 21, nx);
   GridResult r = find_filter(map, psi, nx, ny, G, 0.1f, ice);
@@ -140,17 +141,6 @@ TEST_P(Grids, RejectedPositionsRemoveCandidatesWithinReach) {
   // Empty entries stand for position (0, 0): the candidate at (5, 5) is
   // within the diagonal of it (d2 = 50).
   EXPECT_EQ(r.index[0], 0u);
-}
-
-TEST_P(Grids, LastCellsAreClippedToTheImage) {
-  const int nx = 25, ny = 25, G = 10;  // 3 x 3 cells, the last 5 wide
-  std::vector<float> map(nx * ny, 0.0f), psi(nx * ny, 0.0f);
-  map[at(24, 24, nx)] = 0.5f;
-  psi[at(24, 24, nx)] = 355.0f;
-  GridResult r = find_filter(map, psi, nx, ny, G, 0.1f);
-  ASSERT_EQ(r.index.size(), 9u);
-  EXPECT_EQ(r.index[8], at(24, 24, nx));
-  EXPECT_EQ(r.psi[8], 355.0f);
 }
 
 ZK_BACKEND_SUITE(Grids);

@@ -30,14 +30,13 @@ std::string make_synth(const ZkTmpDir& dir, const std::string& name = "m.mrc") {
   return mic;
 }
 
-std::vector<float> read_mrc(const std::string& name, int* nx, int* ny, int* nz) {
+// A diagnostic image: one L x L slice, checked.
+std::vector<float> read_image(const std::string& name, int L) {
   MRC_HEAD head;
-  mrcf_read_head(name.c_str(), &head);
-  *nx = head.nx;
-  *ny = head.ny;
-  *nz = head.nz;
-  std::vector<float> v((size_t)head.nx * head.ny * head.nz);
-  mrcf_read_all(name.c_str(), v.data());
+  std::vector<float> v((size_t)L * L);
+  EXPECT_EQ(mrcf_read_head(name.c_str(), &head), 0) << name;
+  EXPECT_TRUE(head.nx == L && head.ny == L && head.nz == 1) << name;
+  if (head.nx == L && head.ny == L && head.nz == 1) mrcf_read_all(name.c_str(), v.data());
   return v;
 }
 
@@ -91,15 +90,9 @@ struct StageRun {
     fclose(fp);
   }
   ~StageRun() {
-    free(run.h_raw);
-    free(run.h_shrunk);
-    free(run.h_T);
-    free(run.boxes_excluded);
+    for (void* h : {(void*)run.h_raw, (void*)run.h_shrunk, (void*)run.h_T, (void*)run.boxes_excluded}) free(h);
     destroy_template_data(run.h_T_all);
-    device_free(run.d_T);
-    device_free(run.d_mic);
-    device_free(run.d_mask);
-    device_free(run.d_ice);
+    for (void* d : {(void*)run.d_T, (void*)run.d_mic, (void*)run.d_mask, (void*)run.d_ice}) device_free(d);
     zavik_free_parameters(&para);
   }
   // NORMALIZATION; returns what it printed.
@@ -112,16 +105,17 @@ struct StageRun {
   size_t cells() const { return (size_t)run.Gx * run.Gy; }
 };
 
-// Mean and deviation of a under weights m, in double.
-void masked_stats(const std::vector<float>& a, const std::vector<float>& m, double* mean, double* sd) {
+// a has mean 0 and deviation 1 under the weights m, in double.
+void expect_normalised(const std::vector<float>& a, const std::vector<float>& m) {
   double sw = 0, s = 0, ss = 0;
   for (size_t i = 0; i < a.size(); ++i) {
     sw += m[i];
     s += m[i] * a[i];
   }
-  *mean = s / sw;
-  for (size_t i = 0; i < a.size(); ++i) ss += m[i] * (a[i] - *mean) * (a[i] - *mean);
-  *sd = std::sqrt(ss / sw);
+  const double mean = s / sw;
+  for (size_t i = 0; i < a.size(); ++i) ss += m[i] * (a[i] - mean) * (a[i] - mean);
+  EXPECT_NEAR(mean, 0.0, 1e-4);
+  EXPECT_NEAR(std::sqrt(ss / sw), 1.0, 1e-4);
 }
 
 // The mask that d_ice stands for: 0 in each cell with a word, 1 elsewhere.
@@ -145,33 +139,24 @@ TEST_P(NormalizeStage, OutputFilesUnderTheirFlags) {
   ASSERT_EQ(s.run.L, 128);
   s.normalize();
   const int L = s.run.L;
-  for (const char* suffix : {"_pref.mrc", "_mask.mrc", "_bgfree.mrc", "_bg.mrc", "_lsigma.mrc"}) {
-    int nx, ny, nz;
-    read_mrc(dir / (std::string("m") + suffix), &nx, &ny, &nz);
-    EXPECT_EQ(nx, L) << suffix;
-    EXPECT_EQ(ny, L) << suffix;
-    EXPECT_EQ(nz, 1) << suffix;
-  }
+  for (const char* suffix : {"_bg.mrc", "_lsigma.mrc"}) read_image(dir / (std::string("m") + suffix), L);
   EXPECT_TRUE(zk_exists(dir / "m_rejected.box"));
   EXPECT_TRUE(zk_exists(dir / "m_rejected.star"));
 
-  int nx, ny, nz;
   // "_pref.mrc": the shrunk square after the pre-filter, before any
   // normalisation: a high-pass at pre_hp inside the Nyquist circle of the
   // working image (apix 8 A, first limit 16 A), soft edge 8.
   std::vector<float> shrunk((size_t)L * L);
   cpu_2d_meanshrink_extended_even_square(shrunk.data(), s.run.h_raw, 512, 480, 4);
-  float* d = d_alloc_float(shrunk.size());
-  memcpy_H2D(d, shrunk.data(), shrunk.size() * sizeof(float));
+  float* d = to_dev(shrunk);
   hcuda_2d_bandpass_softR_mpad_inplace(d, L, 8.0f, 16.0f, 1000.0f, 8.0f);
-  EXPECT_TRUE(bits_equal(read_mrc(dir / "m_pref.mrc", &nx, &ny, &nz), from_dev(d, shrunk.size())));
+  EXPECT_TRUE(bits_equal(read_image(dir / "m_pref.mrc", L), from_dev(d, shrunk.size())));
   device_free(d);
 
   // "_mask.mrc": 0 in the rejected cells, 1 elsewhere; the contamination
   // rejects some cells, not all.
-  std::vector<unsigned int> ice = from_dev(s.run.d_ice, s.cells());
-  std::vector<float> mask = read_mrc(dir / "m_mask.mrc", &nx, &ny, &nz);
-  EXPECT_TRUE(bits_equal(mask, mask_of(ice, L, s.run.G, s.run.Gx)));
+  std::vector<float> mask = read_image(dir / "m_mask.mrc", L);
+  EXPECT_TRUE(bits_equal(mask, mask_of(from_dev(s.run.d_ice, s.cells()), L, s.run.G, s.run.Gx)));
   double msum = 0;
   for (float v : mask) msum += v;
   EXPECT_GT(msum, 0.5 * L * L);
@@ -180,52 +165,37 @@ TEST_P(NormalizeStage, OutputFilesUnderTheirFlags) {
 
   // "_bgfree.mrc": the final image, mean 0 and deviation 1 under the mask;
   // the rejected pixels keep their scaled values.
-  std::vector<float> bgfree = read_mrc(dir / "m_bgfree.mrc", &nx, &ny, &nz);
+  std::vector<float> bgfree = read_image(dir / "m_bgfree.mrc", L);
   EXPECT_TRUE(bits_equal(bgfree, from_dev(s.run.d_mic, s.LL())));
-  double mean, sd;
-  masked_stats(bgfree, mask, &mean, &sd);
-  EXPECT_NEAR(mean, 0.0, 1e-4);
-  EXPECT_NEAR(sd, 1.0, 1e-4);
+  expect_normalised(bgfree, mask);
   size_t nonzero_rejected = 0;
-  for (size_t i = 0; i < mask.size(); ++i)
-    if (mask[i] == 0.0f && bgfree[i] != 0.0f) ++nonzero_rejected;
+  for (size_t i = 0; i < mask.size(); ++i) nonzero_rejected += mask[i] == 0.0f && bgfree[i] != 0.0f;
   EXPECT_GT(nonzero_rejected, 0u);
-}
 
-TEST_P(NormalizeStage, NoDiagnosticFilesByDefault) {
-  ZkTmpDir dir;
-  const std::string mic = make_synth(dir);
-  StageRun s(mic, {"--apixM", "2", "--diameter", "150"});
-  s.normalize();
-  for (const char* suffix : {"_pref.mrc", "_mask.mrc", "_bgfree.mrc", "_bg.mrc", "_lsigma.mrc"})
-    EXPECT_FALSE(zk_exists(dir / (std::string("m") + suffix))) << suffix;
-  EXPECT_TRUE(zk_exists(dir / "m_rejected.box"));
-
-  // Without ice detection no rejected file, and no map whatever the flags say.
+  // By default no diagnostic image; the rejected cells are still listed.
   ZkTmpDir dir2;
-  const std::string mic2 = make_synth(dir2);
-  StageRun s2(mic2, {"--apixM", "2", "--diameter", "150", "--detect_ice", "0", "--write_bg_mic", "1",
-                     "--write_lsigma_mic", "1"});
+  StageRun s2(make_synth(dir2), {"--apixM", "2", "--diameter", "150"});
   s2.normalize();
-  for (const char* suffix : {"_rejected.box", "_rejected.star", "_bg.mrc", "_lsigma.mrc"})
+  for (const char* suffix : {"_pref.mrc", "_mask.mrc", "_bgfree.mrc", "_bg.mrc", "_lsigma.mrc"})
     EXPECT_FALSE(zk_exists(dir2 / (std::string("m") + suffix))) << suffix;
+  EXPECT_TRUE(zk_exists(dir2 / "m_rejected.box"));
 }
 
-// Without detection and exclusion every cell is free, whatever d_ice held
-// before: the mask is all ones and the image has mean 0 and deviation 1.
-TEST_P(NormalizeStage, RejectedCellsAreClearedForEveryMicrograph) {
+// Without ice detection: no rejected file and no map, whatever the flags say;
+// every cell is free, whatever d_ice held before, so the mask is all ones and
+// the image has mean 0 and deviation 1.
+TEST_P(NormalizeStage, WithoutIceDetectionEveryCellIsFree) {
   ZkTmpDir dir;
-  const std::string mic = make_synth(dir);
-  StageRun s(mic, {"--apixM", "2", "--diameter", "150", "--detect_ice", "0"});
+  StageRun s(make_synth(dir), {"--apixM", "2", "--diameter", "150", "--detect_ice", "0", "--write_bg_mic", "1",
+                               "--write_lsigma_mic", "1"});
   hcuda_memset_uint(s.run.d_ice, 12345u, s.cells());
   s.normalize();
+  for (const char* suffix : {"_rejected.box", "_rejected.star", "_bg.mrc", "_lsigma.mrc"})
+    EXPECT_FALSE(zk_exists(dir / (std::string("m") + suffix))) << suffix;
   for (unsigned int w : from_dev(s.run.d_ice, s.cells())) ASSERT_EQ(w, 0u);
   for (float v : from_dev(s.run.d_mask, s.LL())) ASSERT_EQ(v, 1.0f);
   std::vector<float> img = from_dev(s.run.d_mic, s.LL());
-  double mean, sd;
-  masked_stats(img, std::vector<float>(img.size(), 1.0f), &mean, &sd);
-  EXPECT_NEAR(mean, 0.0, 1e-4);
-  EXPECT_NEAR(sd, 1.0, 1e-4);
+  expect_normalised(img, std::vector<float>(img.size(), 1.0f));
 }
 
 // The micrograph's exclusion boxes reject their cells only under
@@ -259,10 +229,7 @@ TEST_P(NormalizeStage, ExclusionEntersTheMask) {
     EXPECT_EQ(ice, want) << "mask_excluded " << mask_excluded;
     std::vector<float> mask = from_dev(s.run.d_mask, s.LL());
     EXPECT_TRUE(bits_equal(mask, mask_of(want, 128, 10, 13)));
-    double mean, sd;
-    masked_stats(from_dev(s.run.d_mic, s.LL()), mask, &mean, &sd);
-    EXPECT_NEAR(mean, 0.0, 1e-4);
-    EXPECT_NEAR(sd, 1.0, 1e-4);
+    expect_normalised(from_dev(s.run.d_mic, s.LL()), mask);
   }
 }
 
@@ -287,8 +254,7 @@ TEST_P(NormalizeStage, EveryCellRejected) {
   for (float v : from_dev(s.run.d_mask, s.LL())) ASSERT_EQ(v, 0.0f);
   std::vector<float> img = from_dev(s.run.d_mic, s.LL());
   for (float v : img) ASSERT_TRUE(std::isfinite(v));
-  int nx, ny, nz;
-  EXPECT_TRUE(bits_equal(read_mrc(dir / "m_bgfree.mrc", &nx, &ny, &nz), img));
+  EXPECT_TRUE(bits_equal(read_image(dir / "m_bgfree.mrc", s.run.L), img));
 
   strlcpy(s.para.global_excluded_box, "NULL");
   const std::string again = s.normalize();
@@ -362,21 +328,4 @@ TEST(TemplateStage, UnusableTemplatesStopThePreparation) {
                    &out),
             1);
   EXPECT_NE(out.find(": The templates of " + t + " leave 0 x 0 shrunk pixels at speed 4"), std::string::npos) << out;
-}
-
-// The program runs the stage in its place and writes the images asked for.
-TEST(TemplateStage, ProgramWritesTheNormalisationImages) {
-  ZkTmpDir dir;
-  const std::string mic = make_synth(dir);
-  std::string out;
-  ASSERT_EQ(zk_run(std::string(ZAVIK_BIN) + " --apixM 2 --diameter 150 --write_mic_mask 1 --write_bgfree_mic 1 " +
-                       mic,
-                   &out),
-            0)
-      << out;
-  EXPECT_NE(out.find("Normalizing the micrograph " + mic + " ...\n"), std::string::npos);
-  EXPECT_TRUE(zk_exists(dir / "m_mask.mrc"));
-  EXPECT_TRUE(zk_exists(dir / "m_bgfree.mrc"));
-  EXPECT_TRUE(zk_exists(dir / "m_rejected.box"));
-  EXPECT_FALSE(zk_exists(dir / "m_pref.mrc"));
 }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -21,26 +22,42 @@ struct Args {
   char** argv() { return ptrs.data(); }
 };
 
-// Parses a command line into para; returns what the scan printed.
-std::string parse(Args& a, Zavik_Para* para) {
-  testing::internal::CaptureStdout();
-  zavik_init_parameters(a.argc(), para);
-  zavik_get_parameters(a.argc(), a.argv(), para);
-  return testing::internal::GetCapturedStdout();
-}
+// A command line parsed into a record; out holds what the scan printed.
+struct Parsed {
+  Args a;
+  Zavik_Para p;
+  std::string out;
+  explicit Parsed(std::vector<std::string> w) : a(std::move(w)) {
+    testing::internal::CaptureStdout();
+    zavik_init_parameters(a.argc(), &p);
+    zavik_get_parameters(a.argc(), a.argv(), &p);
+    out = testing::internal::GetCapturedStdout();
+  }
+  ~Parsed() { zavik_free_parameters(&p); }
+  std::string echo() {
+    testing::internal::CaptureStdout();
+    zavik_fput_parameters(a.argc(), a.argv(), &p, stdout);
+    return testing::internal::GetCapturedStdout();
+  }
+};
 
 // For death tests: the report must reach stderr, so nothing is captured.
-void parse_raw(Args& a) {
+void parse_raw(std::vector<std::string> w) {
+  Args a(std::move(w));
   Zavik_Para p;
   zavik_init_parameters(a.argc(), &p);
   zavik_get_parameters(a.argc(), a.argv(), &p);
 }
 
-std::string echo(Args& a, Zavik_Para* para) {
-  testing::internal::CaptureStdout();
-  zavik_fput_parameters(a.argc(), a.argv(), para, stdout);
-  return testing::internal::GetCapturedStdout();
-}
+#define EXPECT_PARSE_EXIT(words, code, regex) \
+  EXPECT_EXIT(                                \
+      {                                       \
+        ZK_STDOUT_TO_STDERR();                \
+        parse_raw(words);                     \
+      },                                      \
+      ::testing::ExitedWithCode(code), regex)
+
+using Words = std::vector<std::string>;
 
 const char* W_DIAMETER =
     "Waring: You have not set the parameter '--diameter',  the default value 400Å will be used.\n";
@@ -57,90 +74,57 @@ const char* W_APIXT =
 
 }  // namespace
 
+// The defaults that the echo test below does not show.
 TEST(Params, DefaultsAndDerivedValues) {
-  Args a({"mic.mrc"});
-  Zavik_Para p;
-  parse(a, &p);
-  EXPECT_STREQ(p.T, "NULL");
-  EXPECT_STREQ(p.excluded_suffix, "NULL");
+  Parsed r({"mic.mrc"});
+  const Zavik_Para& p = r.p;
   EXPECT_STREQ(p.global_excluded_box, "NULL");
-  EXPECT_EQ(p.dont_invertT, 0);
   EXPECT_FLOAT_EQ(p.apixM, 1.34f);
   EXPECT_FLOAT_EQ(p.apixT, 1.34f);
   EXPECT_FLOAT_EQ(p.diameter, 400.0f);
   EXPECT_FLOAT_EQ(p.min_dist, 320.0f);
-  EXPECT_EQ(p.boxsize, 396);  // trunc(532 / 1.34) = 397, made even downward
-  EXPECT_EQ(p.speed, 2);
   EXPECT_EQ(p.shrink, 4);
-  EXPECT_FLOAT_EQ(p.ang_step, 5.0f);
   EXPECT_EQ(p.update_T, 0);
-  EXPECT_FLOAT_EQ(p.cc_cutoff, 0.15f);
-  EXPECT_FLOAT_EQ(p.lp, 40.0f);
-  EXPECT_FLOAT_EQ(p.hp, 1000.0f);
-  EXPECT_FLOAT_EQ(p.pre_lp, 8.0f);
-  EXPECT_FLOAT_EQ(p.pre_hp, 1000.0f);
-  EXPECT_EQ(p.T_norm_type, 1);
   EXPECT_FLOAT_EQ(p.center1_ratio, 0.05f);
-  EXPECT_EQ(p.do_bandpass, 1);
-  EXPECT_EQ(p.do_ctf, 0);
   EXPECT_EQ(p.do_local_ctf, 0);
   EXPECT_FLOAT_EQ(p.kV, 300.0f);
-  EXPECT_FLOAT_EQ(p.cs, 2.7f);
-  EXPECT_FLOAT_EQ(p.ac, 0.1f);
-  EXPECT_FLOAT_EQ(p.lave_max, 1.0f);
-  EXPECT_FLOAT_EQ(p.lave_min, -1.0f);
-  EXPECT_FLOAT_EQ(p.lsigma_cutoff, 1.3f);
   EXPECT_FLOAT_EQ(p.lsigma_D, 300.0f);
   EXPECT_FLOAT_EQ(p.lave_D, 320.0f);
   EXPECT_EQ(p.detect_ice, 1);
-  EXPECT_EQ(p.write_ccmax_mic + p.do_pre_filter + p.write_pref_mic + p.write_pf_mic + p.write_bg_mic +
-                p.write_bgfree_mic + p.write_lsigma_mic + p.write_mic_mask + p.do_unfinished +
-                p.exclusive_picking + p.mask_excluded + p.extract_raw + p.extract_pf,
-            0);
-  EXPECT_EQ(p.write_rejected_box, 1);
-  EXPECT_EQ(p.write_star, 1);
-  EXPECT_EQ(p.gid, 0);
-  EXPECT_EQ(p.n_files, 1);
-  EXPECT_STREQ(p.files[0], "mic.mrc");
   EXPECT_FLOAT_EQ(p.local_soft_edge, 8.0f);
   EXPECT_FLOAT_EQ(p.T_radius_ratio, 1.3f);
   EXPECT_EQ(p.auto_T, 1);
   EXPECT_FLOAT_EQ(p.psi_start, 0.0f);
   EXPECT_FLOAT_EQ(p.psi_end, 359.0f);
+  ASSERT_EQ(p.n_files, 1);
+  EXPECT_STREQ(p.files[0], "mic.mrc");
   // 1.3 * 400 / (2.68 * 4), 320 / 5.36, 300 / 10.72, 320 / 10.72
   EXPECT_NEAR(p.T_radius, 48.50746, 1e-4);
   EXPECT_NEAR(p.min_dist_px, 59.70149, 1e-4);
   EXPECT_NEAR(p.lsigma_R, 27.98507, 1e-4);
   EXPECT_NEAR(p.lave_R, 29.85075, 1e-4);
-  EXPECT_EQ(zavik_grid_cell(&p), 42);
-  zavik_free_parameters(&p);
 }
 
 TEST(Params, OptionWordsTakeOneOrTwoDashesInAnyCase) {
-  Args a({"-T", "t.mrcs", "--KV", "200", "-APIXm", "1.1", "--Diameter", "150", "-do_CTF", "m.mrc"});
-  Zavik_Para p;
-  parse(a, &p);
-  EXPECT_STREQ(p.T, "t.mrcs");
-  EXPECT_EQ(p.auto_T, 0);
-  EXPECT_FLOAT_EQ(p.kV, 200.0f);
-  EXPECT_FLOAT_EQ(p.apixM, 1.1f);
-  EXPECT_FLOAT_EQ(p.diameter, 150.0f);
-  EXPECT_EQ(p.do_ctf, 1);
-  ASSERT_EQ(p.n_files, 1);
-  EXPECT_STREQ(p.files[0], "m.mrc");
-  zavik_free_parameters(&p);
+  Parsed r({"-T", "t.mrcs", "--KV", "200", "-APIXm", "1.1", "--Diameter", "150", "-do_CTF", "m.mrc"});
+  EXPECT_STREQ(r.p.T, "t.mrcs");
+  EXPECT_EQ(r.p.auto_T, 0);
+  EXPECT_FLOAT_EQ(r.p.kV, 200.0f);
+  EXPECT_FLOAT_EQ(r.p.apixM, 1.1f);
+  EXPECT_FLOAT_EQ(r.p.diameter, 150.0f);
+  EXPECT_EQ(r.p.do_ctf, 1);
+  ASSERT_EQ(r.p.n_files, 1);
+  EXPECT_STREQ(r.p.files[0], "m.mrc");
 }
 
 TEST(Params, DerivedDefaultsUseTheFinalValuesWhereverTheyStand) {
   // The micrograph and options mixed; diameter and apixM after everything else.
-  Args a({"a.mrc", "--speed", "1", "b.mrc", "--diameter", "100", "--apixM", "2.0", "--diameter", "200"});
-  Zavik_Para p;
-  parse(a, &p);
+  Parsed r({"a.mrc", "--speed", "1", "b.mrc", "--diameter", "100", "--apixM", "2.0", "--diameter", "200"});
+  const Zavik_Para& p = r.p;
   EXPECT_EQ(p.n_files, 2);
   EXPECT_FLOAT_EQ(p.diameter, 200.0f);  // repeats override
   EXPECT_EQ(p.shrink, 2);
   EXPECT_FLOAT_EQ(p.min_dist, 160.0f);
-  EXPECT_EQ(p.boxsize, 132);  // trunc(266 / 2) = 133, made even downward
   EXPECT_FLOAT_EQ(p.lsigma_D, 200.0f);
   EXPECT_FLOAT_EQ(p.lave_D, 260.0f);
   EXPECT_FLOAT_EQ(p.apixT, 2.0f);
@@ -148,29 +132,35 @@ TEST(Params, DerivedDefaultsUseTheFinalValuesWhereverTheyStand) {
   EXPECT_NEAR(p.T_radius, 1.3 * 200 / 8.0, 1e-5);  // 32.5
   EXPECT_NEAR(p.lsigma_R, 25.0, 1e-5);
   EXPECT_NEAR(p.lave_R, 32.5, 1e-5);
-  zavik_free_parameters(&p);
+
+  // Given values replace the derived ones.
+  Parsed g({"--min_dist", "100", "--lsigma_D", "50", "--lave_D", "60", "--diameter", "500", "m.mrc"});
+  EXPECT_FLOAT_EQ(g.p.min_dist, 100.0f);
+  EXPECT_FLOAT_EQ(g.p.lsigma_D, 50.0f);
+  EXPECT_FLOAT_EQ(g.p.lave_D, 60.0f);
 }
 
-TEST(Params, BoxsizeQuotientIsTakenInDoublePrecision) {
-  // 300 * 1.33 / 1.33f is just below 300 in double precision (1.33f > 1.33),
-  // so the box is 299 made even, 298; a float quotient would round to 300.
-  Args a({"--diameter", "300", "--apixM", "1.33", "m.mrc"});
-  Zavik_Para p;
-  parse(a, &p);
-  EXPECT_EQ(p.boxsize, 298);
-  zavik_free_parameters(&p);
-}
-
-TEST(Params, GivenValuesReplaceTheDerivedDefaults) {
-  Args a({"--min_dist", "100", "--boxsize", "77", "--lsigma_D", "50", "--lave_D", "60", "--diameter", "500",
-          "m.mrc"});
-  Zavik_Para p;
-  parse(a, &p);
-  EXPECT_FLOAT_EQ(p.min_dist, 100.0f);
-  EXPECT_EQ(p.boxsize, 77);  // a given box is kept as it is, odd or not
-  EXPECT_FLOAT_EQ(p.lsigma_D, 50.0f);
-  EXPECT_FLOAT_EQ(p.lave_D, 60.0f);
-  zavik_free_parameters(&p);
+TEST(Params, BoxSizeAndGridCell) {
+  struct Case {
+    Words words;
+    int boxsize, cell;
+  };
+  const Case cases[] = {
+      {{"m.mrc"}, 396, 42},                                      // trunc(532 / 1.34) = 397, made even downward
+      {{"--diameter", "200", "--apixM", "2.0", "m.mrc"}, 132, 14},  // trunc(266 / 2) = 133
+      // 300 * 1.33 / 1.33f is just below 300 in double precision (1.33f >
+      // 1.33): 299 made even; a float quotient would round to 300.
+      {{"--diameter", "300", "--apixM", "1.33", "m.mrc"}, 298, 31},
+      {{"--boxsize", "77", "m.mrc"}, 77, 42},  // a given box is kept, odd or not
+      // 8 A at speed 2: 8 * 1.41421354 / (2 * 4 * 1.34) = 1.055, one pixel.
+      {{"--min_dist", "8", "m.mrc"}, 396, 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.words[0] + " " + (c.words.size() > 1 ? c.words[1] : ""));
+    Parsed r(c.words);
+    EXPECT_EQ(r.p.boxsize, c.boxsize);
+    EXPECT_EQ(zavik_grid_cell(&r.p), c.cell);
+  }
 }
 
 TEST(Params, SpeedLevelsMapToShrinkFactors) {
@@ -181,106 +171,74 @@ TEST(Params, SpeedLevelsMapToShrinkFactors) {
     EXPECT_EQ(shrink, expect[s]) << "speed " << s;
   }
   // At speed 0 every derived pixel value is at full scale.
-  Args a({"--speed", "0", "m.mrc"});
-  Zavik_Para p;
-  parse(a, &p);
-  EXPECT_NEAR(p.min_dist_px, 320.0 / 1.34, 1e-3);
-  EXPECT_NEAR(p.T_radius, 520.0 / 2.68, 1e-3);
-  zavik_free_parameters(&p);
+  Parsed r({"--speed", "0", "m.mrc"});
+  EXPECT_NEAR(r.p.min_dist_px, 320.0 / 1.34, 1e-3);
+  EXPECT_NEAR(r.p.T_radius, 520.0 / 2.68, 1e-3);
 }
 
 TEST(Params, SwitchesReadTheirValueOnlyFromDigitWords) {
   {
-    Args a({"--do_pre_filter", "mic.mrc"});  // a letter: switch on, the name stays
-    Zavik_Para p;
-    parse(a, &p);
-    EXPECT_EQ(p.do_pre_filter, 1);
-    ASSERT_EQ(p.n_files, 1);
-    EXPECT_STREQ(p.files[0], "mic.mrc");
-    zavik_free_parameters(&p);
+    Parsed r({"--do_pre_filter", "mic.mrc"});  // a letter: switch on, the name stays
+    EXPECT_EQ(r.p.do_pre_filter, 1);
+    ASSERT_EQ(r.p.n_files, 1);
+    EXPECT_STREQ(r.p.files[0], "mic.mrc");
   }
   {
-    Args a({"--do_pre_filter", "./mic.mrc", "--write_star", "1.mrc", "x.mrc"});  // consumed as values
-    Zavik_Para p;
-    parse(a, &p);
-    EXPECT_EQ(p.do_pre_filter, 0);
-    EXPECT_EQ(p.write_star, 1);
-    ASSERT_EQ(p.n_files, 1);
-    EXPECT_STREQ(p.files[0], "x.mrc");
-    zavik_free_parameters(&p);
+    Parsed r({"--do_pre_filter", "./mic.mrc", "--write_star", "1.mrc", "x.mrc"});  // consumed as values
+    EXPECT_EQ(r.p.do_pre_filter, 0);
+    EXPECT_EQ(r.p.write_star, 1);
+    ASSERT_EQ(r.p.n_files, 1);
+    EXPECT_STREQ(r.p.files[0], "x.mrc");
   }
   {
-    Args a({"--detect_ice", "0", "--do_bandpass", "0", "mic.mrc", "--extract_raw"});  // last word: on
-    Zavik_Para p;
-    parse(a, &p);
-    EXPECT_EQ(p.detect_ice, 0);
-    EXPECT_EQ(p.do_bandpass, 0);
-    EXPECT_EQ(p.extract_raw, 1);
-    EXPECT_EQ(p.n_files, 1);
-    zavik_free_parameters(&p);
+    Parsed r({"--detect_ice", "0", "--do_bandpass", "0", "mic.mrc", "--extract_raw"});  // last word: on
+    EXPECT_EQ(r.p.detect_ice, 0);
+    EXPECT_EQ(r.p.do_bandpass, 0);
+    EXPECT_EQ(r.p.extract_raw, 1);
+    EXPECT_EQ(r.p.n_files, 1);
   }
-  {
-    Args a({"--write_ccmax_mic", "--mask_excluded", "-5", "m.mrc"});  // '-': on, word stays... and fails
-    EXPECT_EXIT(
-        {
-          ZK_STDOUT_TO_STDERR();
-          parse_raw(a);
-        },
-        ::testing::ExitedWithCode(0), "Failed to recognize option: .*-5!");
-  }
+  // '-': on, and the word stays... and fails.
+  EXPECT_PARSE_EXIT((Words{"--write_ccmax_mic", "--mask_excluded", "-5", "m.mrc"}), 0,
+                    "Failed to recognize option: .*-5!");
 }
 
 TEST(Params, ValueOptionsTakeTheNextWordUnconditionally) {
-  Args a({"--lave_min", "-0.8", "--lp", "--hp", "--T_norm_type", "7", "--apixT", "abc", "m.mrc"});
-  Zavik_Para p;
-  parse(a, &p);
-  EXPECT_FLOAT_EQ(p.lave_min, -0.8f);
-  EXPECT_FLOAT_EQ(p.lp, 0.0f);  // "--hp" was lp's value
-  EXPECT_FLOAT_EQ(p.hp, 1000.0f);
-  EXPECT_EQ(p.T_norm_type, 7);      // not refused
-  EXPECT_FLOAT_EQ(p.apixT, 0.0f);   // text that is no number reads 0
-  zavik_free_parameters(&p);
-}
-
-TEST(Params, TemplateNullOrNoneKeepsTheGeneratedTemplate) {
-  Args a({"--T", "none", "m.mrc"});
-  Zavik_Para p;
-  std::string out = parse(a, &p);
-  EXPECT_EQ(p.auto_T, 1);
-  EXPECT_EQ(out.find("'--T'"), std::string::npos);  // counts as set: no warning
-  zavik_free_parameters(&p);
+  Parsed r({"--lave_min", "-0.8", "--lp", "--hp", "--T_norm_type", "7", "--apixT", "abc", "m.mrc"});
+  EXPECT_FLOAT_EQ(r.p.lave_min, -0.8f);
+  EXPECT_FLOAT_EQ(r.p.lp, 0.0f);  // "--hp" was lp's value
+  EXPECT_FLOAT_EQ(r.p.hp, 1000.0f);
+  EXPECT_EQ(r.p.T_norm_type, 7);     // not refused
+  EXPECT_FLOAT_EQ(r.p.apixT, 0.0f);  // text that is no number reads 0
 }
 
 TEST(Params, WarningsInTheirOrderForWhatWasNotGiven) {
   {
-    Args a({"m.mrc"});
-    Zavik_Para p;
-    EXPECT_EQ(parse(a, &p), std::string(W_DIAMETER) + W_T + W_APIXM + W_APIXT);
-    zavik_free_parameters(&p);
+    Parsed r({"m.mrc"});
+    EXPECT_EQ(r.out, std::string(W_DIAMETER) + W_T + W_APIXM + W_APIXT);
   }
   {
     // apixT given, apixM not: templates keep their own pixel size.
-    Args a({"--apixT", "2.5", "--diameter", "180", "m.mrc"});
-    Zavik_Para p;
-    EXPECT_EQ(parse(a, &p), std::string(W_T) + W_APIXM);
-    EXPECT_FLOAT_EQ(p.apixT, 2.5f);
-    EXPECT_FLOAT_EQ(p.apixM, 1.34f);
-    zavik_free_parameters(&p);
+    Parsed r({"--apixT", "2.5", "--diameter", "180", "m.mrc"});
+    EXPECT_EQ(r.out, std::string(W_T) + W_APIXM);
+    EXPECT_FLOAT_EQ(r.p.apixT, 2.5f);
+    EXPECT_FLOAT_EQ(r.p.apixM, 1.34f);
   }
   {
-    Args a({"--apixM", "0.9", "--T", "t.mrcs", "m.mrc"});
-    Zavik_Para p;
-    EXPECT_EQ(parse(a, &p), std::string(W_DIAMETER) + W_APIXT);
-    EXPECT_FLOAT_EQ(p.apixT, 0.9f);  // apixT follows apixM
-    zavik_free_parameters(&p);
+    Parsed r({"--apixM", "0.9", "--T", "t.mrcs", "m.mrc"});
+    EXPECT_EQ(r.out, std::string(W_DIAMETER) + W_APIXT);
+    EXPECT_FLOAT_EQ(r.p.apixT, 0.9f);  // apixT follows apixM
+  }
+  {
+    // "none" keeps the generated template and counts as set: no warning.
+    Parsed r({"--T", "none", "m.mrc"});
+    EXPECT_EQ(r.p.auto_T, 1);
+    EXPECT_EQ(r.out.find("'--T'"), std::string::npos);
   }
 }
 
 TEST(Params, EchoOfAFullCommandLine) {
-  Args a({"--apixM", "1.06", "--lp", "20", "--detect_ice", "0", "--global_excluded_box", "gg.box", "--KV", "200",
-          "--do_local_ctf", "a.mrc", "-diameter", "180.5", "b.mrc"});
-  Zavik_Para p;
-  parse(a, &p);
+  Parsed r({"--apixM", "1.06", "--lp", "20", "--detect_ice", "0", "--global_excluded_box", "gg.box", "--KV", "200",
+            "--do_local_ctf", "a.mrc", "-diameter", "180.5", "b.mrc"});
   const std::string expected =
       "***************************************************************************************************\n"
       "User input parameters:\n"
@@ -347,30 +305,18 @@ TEST(Params, EchoOfAFullCommandLine) {
       "All 2 files to be used:\n"
       "        a.mrc\n"
       "        b.mrc\n";
-  EXPECT_EQ(echo(a, &p), expected);
-  zavik_free_parameters(&p);
-}
-
-// Block 1 alone: the rows between its heading and the blank line.
-static std::string given_block(const std::string& all) {
-  size_t b = all.find("User input parameters:\n");
-  size_t e = all.find("\nAll parameters to be used:");
-  b += strlen("User input parameters:\n");
-  return all.substr(b, e - b);
+  EXPECT_EQ(r.echo(), expected);
 }
 
 TEST(Params, EchoOfGivenOptionsShowsCommandTextOrRecordValue) {
   // --cc_cutoff shows its text converted again; --lp and --center1_ratio show the
   // record; a flag shows the parsing result and its consumed value prints
   // nothing; "--lp --hp" makes --hp a row of its own; a repeat gets two rows.
-  Args a({"--cc_cutoff", "abc", "--center1_ratio", "0.1", "--update_T", "0", "--lp", "--hp", "--speed", "3",
-          "--speed", "1", "--gid", "7", "--excluded_suffix", "_x.box", "--T", "NONE", "m.mrc"});
-  Zavik_Para p;
-  zavik_init_parameters(a.argc(), &p);
-  testing::internal::CaptureStdout();
-  zavik_get_parameters(a.argc(), a.argv(), &p);
-  testing::internal::GetCapturedStdout();
-  EXPECT_EQ(given_block(echo(a, &p)),
+  Parsed r({"--cc_cutoff", "abc", "--center1_ratio", "0.1", "--update_T", "0", "--lp", "--hp", "--speed", "3",
+            "--speed", "1", "--gid", "7", "--excluded_suffix", "_x.box", "--T", "NONE", "m.mrc"});
+  const std::string all = r.echo();
+  const size_t b = all.find("User input parameters:\n") + strlen("User input parameters:\n");
+  EXPECT_EQ(all.substr(b, all.find("\nAll parameters to be used:") - b),
             "       --cc_cutoff          0.000\n"
             "       --center1_ratio      0.100\n"
             "       --update_T           0\n"
@@ -381,12 +327,11 @@ TEST(Params, EchoOfGivenOptionsShowsCommandTextOrRecordValue) {
             "       --gid                7\n"
             "       --excluded_suffix    _x.box\n"
             "       --T                  NONE\n");
-  zavik_free_parameters(&p);
 }
 
 TEST(Params, FailuresOfTheScan) {
   struct Case {
-    std::vector<std::string> words;
+    Words words;
     int status;
     const char* regex;
   };
@@ -416,85 +361,34 @@ TEST(Params, FailuresOfTheScan) {
       {{"m.mrc", "--help"}, 0, "Failed to recognize option: .*--help!"},
   };
   for (const Case& c : cases) {
-    Args a(c.words);
-    EXPECT_EXIT(
-        {
-          ZK_STDOUT_TO_STDERR();
-          parse_raw(a);
-        },
-        ::testing::ExitedWithCode(c.status), c.regex)
-        << c.words[0] << " " << c.words[1];
+    SCOPED_TRACE(c.words[0] + " " + c.words[1]);
+    EXPECT_PARSE_EXIT(c.words, c.status, c.regex);
   }
 }
 
-TEST(Params, GridCellFloorsAtTheSmallestMinDist) {
-  // 8 A at speed 2: 8 * 1.41421354 / (2 * 4 * 1.34) = 1.055, a cell of one pixel.
-  Args a({"--min_dist", "8", "m.mrc"});
-  Zavik_Para p;
-  parse(a, &p);
-  EXPECT_EQ(zavik_grid_cell(&p), 1);
-  zavik_free_parameters(&p);
-}
-
-TEST(Params, NamesOfTenTwentyFourBytesOrMoreAreRefused) {
+// Names fill buffers of 1024 bytes: 1023 fit, more end the run.
+TEST(Params, NamesAndOutputNamesMustFitTheirBuffers) {
   {
-    Args a({"--excluded_suffix", std::string(1023, 's'), "--T", std::string(1023, 't'), "m.mrc"});
-    Zavik_Para p;
-    parse(a, &p);
-    EXPECT_EQ(strlen(p.excluded_suffix), 1023u);
-    EXPECT_EQ(strlen(p.T), 1023u);
-    zavik_free_parameters(&p);
+    Parsed r({"--excluded_suffix", std::string(1023, 's'), "--T", std::string(1023, 't'), "m.mrc"});
+    EXPECT_EQ(strlen(r.p.excluded_suffix), 1023u);
+    EXPECT_EQ(strlen(r.p.T), 1023u);
   }
-  const std::string n1024(1024, 'b');
-  const char* const kinds[] = {"T", "excluded_suffix", "global_excluded_box"};
-  for (const char* k : kinds) {
-    Args a({std::string("--") + k, n1024, "m.mrc"});
-    EXPECT_EXIT(
-        {
-          ZK_STDOUT_TO_STDERR();
-          parse_raw(a);
-        },
-        ::testing::ExitedWithCode(1),
-        std::string("zavik_get_parameters\\(\\), file zavik_para.cpp on line [0-9]+: the name given to --") + k +
-            " is 1024 bytes long, the limit is 1023 bytes! Exit now!");
+  for (const char* k : {"T", "excluded_suffix", "global_excluded_box"}) {
+    EXPECT_PARSE_EXIT((Words{std::string("--") + k, std::string(1024, 'b'), "m.mrc"}), 1,
+                      std::string("zavik_get_parameters\\(\\), file zavik_para.cpp on line [0-9]+: the name given "
+                                  "to --") + k + " is 1024 bytes long, the limit is 1023 bytes! Exit now!");
   }
-  Args a({"m.mrc", std::string(1100, 'c') + ".mrc"});
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        parse_raw(a);
-      },
-      ::testing::ExitedWithCode(1), "a micrograph name is 1104 bytes long, the limit is 1023 bytes! Exit now!");
-}
+  EXPECT_PARSE_EXIT((Words{"m.mrc", std::string(1100, 'c') + ".mrc"}), 1,
+                    "a micrograph name is 1104 bytes long, the limit is 1023 bytes! Exit now!");
 
-TEST(Params, OutputNamesMustFitTheirBuffers) {
-  {
-    // A stem of 1009 bytes + "_nonunique.box" = 1023 bytes: fits.
-    Args a({std::string(1009, 'd') + ".mrc"});
-    Zavik_Para p;
-    parse(a, &p);
-    EXPECT_EQ(p.n_files, 1);
-    zavik_free_parameters(&p);
-  }
-  Args a({"m.mrc", std::string(1010, 'd') + ".mrc"});
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        parse_raw(a);
-      },
-      ::testing::ExitedWithCode(1),
-      "zavik_get_parameters\\(\\), file zavik_para.cpp on line [0-9]+: an output name of micrograph 2 would be "
-      "1024 bytes long, the limit is 1023 bytes! Exit now!");
+  // A stem of 1009 bytes + "_nonunique.box" = 1023 bytes: fits; one more does not.
+  EXPECT_EQ(Parsed({std::string(1009, 'd') + ".mrc"}).p.n_files, 1);
+  EXPECT_PARSE_EXIT((Words{"m.mrc", std::string(1010, 'd') + ".mrc"}), 1,
+                    "zavik_get_parameters\\(\\), file zavik_para.cpp on line [0-9]+: an output name of micrograph 2 "
+                    "would be 1024 bytes long, the limit is 1023 bytes! Exit now!");
   // The exclusion suffix counts only when exclusion files are read.
-  Args b({"--excluded_suffix", std::string(100, 'x'), std::string(930, 'e') + ".mrc"});
-  Zavik_Para p;
-  parse(b, &p);
-  zavik_free_parameters(&p);
-  Args c({"--exclusive_picking", "--excluded_suffix", std::string(100, 'x'), std::string(930, 'e') + ".mrc"});
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        parse_raw(c);
-      },
-      ::testing::ExitedWithCode(1), "an output name of micrograph 1 would be 1030 bytes long");
+  EXPECT_EQ(Parsed({"--excluded_suffix", std::string(100, 'x'), std::string(930, 'e') + ".mrc"}).p.n_files, 1);
+  EXPECT_PARSE_EXIT(
+      (Words{"--exclusive_picking", "--excluded_suffix", std::string(100, 'x'), std::string(930, 'e') + ".mrc"}), 1,
+      "an output name of micrograph 1 would be 1030 bytes long");
 }

@@ -68,7 +68,11 @@ int matches(const std::vector<Centre>& picks, const std::vector<Centre>& truth, 
   return n;
 }
 
-std::string synth(const std::string& args) { return std::string(ZAVIK_SYNTH_BIN) + " " + args + " > /dev/null"; }
+// The synthetic micrograph generator and the picker, as programs.
+int synth(const std::string& args) {
+  return system((std::string(ZAVIK_SYNTH_BIN) + " " + args + " > /dev/null").c_str());
+}
+int pick(const std::string& args, std::string* out) { return zk_run(std::string(ZAVIK_BIN) + " " + args, out); }
 
 }  // namespace
 
@@ -76,16 +80,14 @@ std::string synth(const std::string& args) { return std::string(ZAVIK_SYNTH_BIN)
 TEST(PickEndToEnd, RecallAndPrecisionOnASyntheticMicrograph) {
   ZkTmpDir dir;
   const std::string mic = dir / "mic.mrc", truth = dir / "truth.box", T = dir / "T.mrcs";
-  ASSERT_EQ(system(synth("--out " + mic + " --nx 1024 --ny 1024 --apix 2 --diameter 160 --noise 0.5 --seed 7 --truth " +
-                         truth + " --templates " + T + " --ntemplates 4")
-                       .c_str()),
+  ASSERT_EQ(synth("--out " + mic + " --nx 1024 --ny 1024 --apix 2 --diameter 160 --noise 0.5 --seed 7 --truth " + truth +
+                  " --templates " + T + " --ntemplates 4"),
             0);
   const std::vector<Centre> real = read_centres(truth, false);
   ASSERT_GE(real.size(), 15u);
   for (const std::string& opts : {std::string(""), " --T " + T + " --apixT 2 --ang_step 10"}) {
     std::string out;
-    ASSERT_EQ(zk_run(std::string(ZAVIK_BIN) + " --apixM 2 --diameter 160 --cc_cutoff 0.3" + opts + " " + mic, &out), 0)
-        << out;
+    ASSERT_EQ(pick("--apixM 2 --diameter 160 --cc_cutoff 0.3" + opts + " " + mic, &out), 0) << out;
     const std::vector<Centre> picks = read_centres(dir / "mic_zavik.box", false);
     const int tp = matches(picks, real, 20.0);
     EXPECT_GE(tp, 0.9 * real.size()) << "recall " << tp << " of " << real.size() << opts;
@@ -106,11 +108,11 @@ TEST(PickEndToEnd, RecallAndPrecisionOnASyntheticMicrograph) {
 TEST(PickEndToEnd, AFailedResultWriteEndsTheRunAndKeepsTheOldFile) {
   ZkTmpDir dir;
   const std::string mic = dir / "m.mrc";
-  ASSERT_EQ(system(synth("--out " + mic + " --nx 512 --ny 512 --apix 2 --diameter 150 --seed 3").c_str()), 0);
+  ASSERT_EQ(synth("--out " + mic + " --nx 512 --ny 512 --apix 2 --diameter 150 --seed 3"), 0);
   // A directory where the .star result would go: the final rename fails.
   ASSERT_EQ(mkdir((dir / "m_zavik.star").c_str(), 0755), 0);
   std::string out;
-  EXPECT_EQ(zk_run(std::string(ZAVIK_BIN) + " --apixM 2 --diameter 150 " + mic, &out), 1);
+  EXPECT_EQ(pick("--apixM 2 --diameter 150 " + mic, &out), 1);
   EXPECT_NE(out.find("Cannot write to file " + (dir / "m_zavik.star") + ". Permission denied or no space left!"),
             std::string::npos)
       << out;
@@ -162,9 +164,8 @@ void expect_same_outputs(const std::string& a, const std::string& b, int at_leas
 TEST(PickEndToEnd, EverySpeedUpKeepsEveryOutputByte) {
   ZkTmpDir dir;
   const std::string T = dir / "T.mrcs";
-  ASSERT_EQ(system(synth("--out " + (dir / "t.mrc") + " --nx 64 --ny 64 --count 0 --contamination 0 --apix 4" +
-                         " --diameter 160 --templates " + T + " --ntemplates 3")
-                       .c_str()),
+  ASSERT_EQ(synth("--out " + (dir / "t.mrc") + " --nx 64 --ny 64 --count 0 --contamination 0 --apix 4" +
+                  " --diameter 160 --templates " + T + " --ntemplates 3"),
             0);
   struct Variant {
     const char* name;
@@ -185,9 +186,8 @@ TEST(PickEndToEnd, EverySpeedUpKeepsEveryOutputByte) {
     const std::string d = dir / v.name;
     ASSERT_EQ(mkdir(d.c_str(), 0755), 0);
     for (int i = 1; i <= 3; ++i)
-      ASSERT_EQ(system(synth("--out " + d + "/m" + std::to_string(i) + ".mrc --nx 600 --ny 560 --apix 4 --diameter 160" +
-                             " --noise 0.8 --seed " + std::to_string(i))
-                           .c_str()),
+      ASSERT_EQ(synth("--out " + d + "/m" + std::to_string(i) + ".mrc --nx 600 --ny 560 --apix 4 --diameter 160" +
+                      " --noise 0.8 --seed " + std::to_string(i)),
                 0);
     v.set(zavik_shortcuts());
     const std::string mics[] = {d + "/m1.mrc", d + "/m2.mrc", d + "/m3.mrc"};
@@ -207,14 +207,9 @@ TEST(PickEndToEnd, EverySpeedUpKeepsEveryOutputByte) {
 TEST(PickEndToEnd, ExtractionCutsEveryPick) {
   ZkTmpDir dir;
   const std::string mic = dir / "e.mrc";
-  ASSERT_EQ(system(synth("--out " + mic + " --nx 512 --ny 512 --apix 2 --diameter 150 --noise 0.5 --seed 5").c_str()),
-            0);
+  ASSERT_EQ(synth("--out " + mic + " --nx 512 --ny 512 --apix 2 --diameter 150 --noise 0.5 --seed 5"), 0);
   std::string out;
-  ASSERT_EQ(zk_run(std::string(ZAVIK_BIN) + " --apixM 2 --diameter 150 --boxsize 80 --cc_cutoff 0.3 --extract_raw 1 " +
-                       mic,
-                   &out),
-            0)
-      << out;
+  ASSERT_EQ(pick("--apixM 2 --diameter 150 --boxsize 80 --cc_cutoff 0.3 --extract_raw 1 " + mic, &out), 0) << out;
   const size_t picks = read_centres(dir / "e_zavik.box", false).size();
   ASSERT_GT(picks, 0u);
   const std::string stack = zk_slurp(dir / "e_particles.mrcs");
@@ -233,8 +228,7 @@ TEST(PickEndToEnd, ExtractionCutsEveryPick) {
 TEST(PickEndToEnd, AFullDiskEndsTheRunWithoutAResult) {
   ZkTmpDir dir;
   const std::string mic = dir / "f.mrc";
-  ASSERT_EQ(system(synth("--out " + mic + " --nx 512 --ny 512 --apix 2 --diameter 150 --noise 0.5 --seed 9").c_str()),
-            0);
+  ASSERT_EQ(synth("--out " + mic + " --nx 512 --ny 512 --apix 2 --diameter 150 --noise 0.5 --seed 9"), 0);
   std::string out;
   // Writes beyond 1 KiB fail with EFBIG instead of killing the process.
   const int rc = zk_run("bash -c \"trap '' XFSZ; ulimit -f 1; exec " + std::string(ZAVIK_BIN) +

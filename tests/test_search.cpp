@@ -3,7 +3,9 @@
 // rule between angles.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 #include "backend_fixture.h"
@@ -24,30 +26,23 @@ struct SearchOut {
 SearchOut search(const std::vector<float>& mic, const std::vector<float>& mask, int n, const std::vector<float>& T,
                  int Tx, int Ty, float R, float step, float end = 359.0f) {
   const size_t nn = (size_t)n * n;
-  float* d_mic = d_alloc_float(nn);
-  float* d_mask = d_alloc_float(nn);
-  float* d_cc = d_alloc_float(nn);
-  float* d_psi = d_alloc_float(nn);
-  float* d_T = d_alloc_float(T.size());
-  memcpy_H2D(d_mic, mic.data(), nn * 4);
-  memcpy_H2D(d_mask, mask.data(), nn * 4);
-  memcpy_H2D(d_T, T.data(), T.size() * 4);
+  float *d_mic = to_dev(mic), *d_mask = to_dev(mask), *d_T = to_dev(T);
+  float *d_cc = d_alloc_float(nn), *d_psi = d_alloc_float(nn);
   zavik_ccmax_psi_by_one_template(d_mic, d_mask, d_cc, d_psi, 1, n, n, d_T, Tx, Ty, R, 0.0f, end, step);
-  SearchOut o;
-  o.cc.resize(nn);
-  o.psi.resize(nn);
-  memcpy_D2H(o.cc.data(), d_cc, nn * 4);
-  memcpy_D2H(o.psi.data(), d_psi, nn * 4);
+  SearchOut o = {from_dev(d_cc, nn), from_dev(d_psi, nn)};
   for (float* p : {d_mic, d_mask, d_cc, d_psi, d_T}) device_free(p);
   return o;
 }
 
-size_t argmax(const std::vector<float>& v) {
-  size_t b = 0;
-  for (size_t i = 1; i < v.size(); ++i)
-    if (v[i] > v[b]) b = i;
-  return b;
+// A template of n x n samples of the shape, centred on (c, c).
+std::vector<float> shape_template(int n, double c) {
+  std::vector<float> T(n * n);
+  for (int y = 0; y < n; ++y)
+    for (int x = 0; x < n; ++x) T[y * n + x] = (float)shape(x - c, y - c);
+  return T;
 }
+
+size_t argmax(const std::vector<float>& v) { return std::max_element(v.begin(), v.end()) - v.begin(); }
 
 }  // namespace
 
@@ -57,9 +52,7 @@ class Search : public BackendTest {};
 // score is sum(T^2) / D with D^2 = sum(T^2) * pi R^2 * sum(m^2 w) / sum(w).
 TEST_P(Search, ScoreOfAPlacedCopyEvenTemplate) {
   const int n = 64, Tn = 16;
-  std::vector<float> T(Tn * Tn);
-  for (int y = 0; y < Tn; ++y)
-    for (int x = 0; x < Tn; ++x) T[y * Tn + x] = (float)shape(x - 7.5, y - 7.5);
+  std::vector<float> T = shape_template(Tn, 7.5);
   std::vector<float> mic(n * n, 0.0f), mask(n * n, 1.0f);
   // Template pixel (Tx/2, Ty/2) on micrograph pixel (20, 37).
   const int px = 20, py = 37;
@@ -84,18 +77,14 @@ TEST_P(Search, ScoreOfAPlacedCopyEvenTemplate) {
 // ox = (n - Tx)/2 truncated: pixel 8 of 15, half a pixel off its centre 7.
 TEST_P(Search, OddTemplateCentreConventionAndSign) {
   const int n = 64, Tn = 15;
-  std::vector<float> T(Tn * Tn);
-  for (int y = 0; y < Tn; ++y)
-    for (int x = 0; x < Tn; ++x) T[y * Tn + x] = (float)shape(x - 7.0, y - 7.0);
+  std::vector<float> T = shape_template(Tn, 7.0);
   std::vector<float> mic(n * n, 0.0f), mask(n * n, 1.0f);
   const int px = 41, py = 22, o8 = n / 2 - (n - Tn) / 2;
   ASSERT_EQ(o8, 8);
   for (int y = 0; y < Tn; ++y)
     for (int x = 0; x < Tn; ++x) mic[(py - o8 + y) * n + (px - o8 + x)] = -T[y * Tn + x];  // dark copy
   SearchOut o = search(mic, mask, n, T, Tn, Tn, 5.0f, 360.0f);
-  size_t lo = 0;
-  for (size_t i = 1; i < o.cc.size(); ++i)
-    if (o.cc[i] < o.cc[lo]) lo = i;
+  const size_t lo = std::min_element(o.cc.begin(), o.cc.end()) - o.cc.begin();
   EXPECT_EQ(lo, (size_t)(py * n + px));
   EXPECT_LT(o.cc[lo], 0.0f);
 }
@@ -104,10 +93,7 @@ TEST_P(Search, OddTemplateCentreConventionAndSign) {
 // +y); the search in steps of 10 degrees finds 30 at the shape's centre.
 TEST_P(Search, RecoversTheAngleOfARotatedCopy) {
   const int n = 96, Tn = 24;
-  std::vector<float> T(Tn * Tn);
-  const double c = (Tn - 1) / 2.0;
-  for (int y = 0; y < Tn; ++y)
-    for (int x = 0; x < Tn; ++x) T[y * Tn + x] = (float)shape(x - c, y - c);
+  std::vector<float> T = shape_template(Tn, (Tn - 1) / 2.0);
   const double th = 30.0 * M_PI / 180.0, cx = 50 - 0.5, cy = 45 - 0.5;  // template (Tx/2, Ty/2) on (50, 45)
   std::vector<float> mic(n * n), mask(n * n, 1.0f);
   for (int y = 0; y < n; ++y)
@@ -126,21 +112,12 @@ TEST_P(Search, RecoversTheAngleOfARotatedCopy) {
 
 TEST_P(Search, UpdateKeepsTheEarlierAngleAtEqualScoresAndIgnoresNaN) {
   const int n = 3;
-  std::vector<float> cc0 = {1, 2, 3, 4, 5, 6, 7, 8, 9}, psi0(9, 5.0f);
-  std::vector<float> cc1 = {1, 3, 2, NAN, 6, 6, 6, 6, 6};
-  float* d_max = d_alloc_float(9);
-  float* d_cc = d_alloc_float(9);
-  float* d_psi = d_alloc_float(9);
-  memcpy_H2D(d_max, cc0.data(), 36);
-  memcpy_H2D(d_cc, cc1.data(), 36);
-  memcpy_H2D(d_psi, psi0.data(), 36);
+  float* d_max = to_dev(std::vector<float>{1, 2, 3, 4, 5, 6, 7, 8, 9});
+  float* d_cc = to_dev(std::vector<float>{1, 3, 2, NAN, 6, 6, 6, 6, 6});
+  float* d_psi = to_dev(std::vector<float>(9, 5.0f));
   hcuda_update_ccmax_psi_2d(d_max, d_cc, d_psi, 10.0f, n, n);
-  std::vector<float> m(9), p(9);
-  memcpy_D2H(m.data(), d_max, 36);
-  memcpy_D2H(p.data(), d_psi, 36);
-  std::vector<float> em = {1, 3, 3, 4, 6, 6, 7, 8, 9}, ep = {5, 10, 5, 5, 10, 5, 5, 5, 5};
-  EXPECT_EQ(m, em);
-  EXPECT_EQ(p, ep);
+  EXPECT_EQ(from_dev(d_max, 9), (std::vector<float>{1, 3, 3, 4, 6, 6, 7, 8, 9}));
+  EXPECT_EQ(from_dev(d_psi, 9), (std::vector<float>{5, 10, 5, 5, 10, 5, 5, 5, 5}));
   for (float* q : {d_max, d_cc, d_psi}) device_free(q);
 }
 
@@ -170,22 +147,16 @@ TEST_P(Search, RunSearchEqualsTheOneTemplateSearchBitForBit) {
       for (int x = 0; x < Tx; ++x) T[(t * Ty + y) * Tx + x] = (float)shape(x - 8.0 + t, y - 8.0) + 0.05f * rnd();
   for (int i = 0; i < n * 10; ++i) mask[i] = 0.0f;
   const size_t nn = (size_t)n * n;
-  float* d_mic = d_alloc_float(nn);
-  float* d_mask = d_alloc_float(nn);
-  float* d_T = d_alloc_float(T.size());
-  float* d_cc = d_alloc_float(nn);
-  float* d_psi = d_alloc_float(nn);
-  memcpy_H2D(d_mic, mic.data(), nn * 4);
-  memcpy_H2D(d_mask, mask.data(), nn * 4);
-  memcpy_H2D(d_T, T.data(), T.size() * 4);
+  float *d_mic = to_dev(mic), *d_mask = to_dev(mask), *d_T = to_dev(T);
+  float *d_cc = d_alloc_float(nn), *d_psi = d_alloc_float(nn);
   const float R = 7.3f, step = 7.0f;
   std::vector<std::vector<float>> ref_cc(Nt, std::vector<float>(nn)), ref_psi = ref_cc;
   testing::internal::CaptureStdout();
   for (int t = 0; t < Nt; ++t) {
     zavik_ccmax_psi_by_one_template(d_mic, d_mask, d_cc, d_psi, 1, n, n, d_T + t * Tx * Ty, Tx, Ty, R, 0.0f, 359.0f,
                                     step);
-    memcpy_D2H(ref_cc[t].data(), d_cc, nn * 4);
-    memcpy_D2H(ref_psi[t].data(), d_psi, nn * 4);
+    ref_cc[t] = from_dev(d_cc, nn);
+    ref_psi[t] = from_dev(d_psi, nn);
   }
   const std::string ref_dots = testing::internal::GetCapturedStdout();
   struct Case {
@@ -203,11 +174,9 @@ TEST_P(Search, RunSearchEqualsTheOneTemplateSearchBitForBit) {
     testing::internal::CaptureStdout();
     for (int t = 0; t < Nt; ++t) {
       zavik_search_bank_run(bank, t, d_cc, d_psi, 1);
-      std::vector<float> cc(nn), psi(nn);
-      memcpy_D2H(cc.data(), d_cc, nn * 4);
-      memcpy_D2H(psi.data(), d_psi, nn * 4);
-      EXPECT_EQ(memcmp(cc.data(), ref_cc[t].data(), nn * 4), 0) << "scores, template " << t << " threads " << c.threads;
-      EXPECT_EQ(memcmp(psi.data(), ref_psi[t].data(), nn * 4), 0) << "angles, template " << t;
+      EXPECT_EQ(memcmp(from_dev(d_cc, nn).data(), ref_cc[t].data(), nn * 4), 0)
+          << "scores, template " << t << " threads " << c.threads;
+      EXPECT_EQ(memcmp(from_dev(d_psi, nn).data(), ref_psi[t].data(), nn * 4), 0) << "angles, template " << t;
     }
     EXPECT_EQ(testing::internal::GetCapturedStdout(), ref_dots);
     zavik_search_bank_destroy(bank);
