@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "backend_fixture.h"
@@ -20,98 +21,88 @@ std::vector<float> ramp_image(int nx, int ny, unsigned seed) {
   return v;
 }
 
+// Device buffers of one test, freed together when it ends.
+struct Dev {
+  std::vector<void*> held;
+  ~Dev() {
+    for (void* p : held) device_free(p);
+  }
+  template <class T>
+  T* keep(T* p) {
+    held.push_back(p);
+    return p;
+  }
+  template <class T>
+  T* put(const std::vector<T>& h) {
+    return keep(to_dev(h));
+  }
+  float* f(size_t n) { return keep(d_alloc_float(n)); }
+  float2* c(size_t n) { return keep(d_alloc_float2(n)); }
+};
+
+// out(x, y) must be in(src(x, y)).  A right-angle rotation is an index
+// permutation up to rounding of the sine and cosine: a source on the border
+// may round to just outside and read 0.
+template <class F>
+void expect_moved(const std::vector<float>& o, const std::vector<float>& a, int nx, int ny, F src) {
+  for (int y = 0; y < ny; ++y)
+    for (int x = 0; x < nx; ++x) {
+      const std::pair<int, int> s = src(x, y);
+      const bool border = s.first == 0 || s.second == 0 || s.first == nx - 1 || s.second == ny - 1;
+      if (border && o[y * nx + x] == 0.0f) continue;
+      EXPECT_NEAR(o[y * nx + x], a[s.second * nx + s.first], 1e-5) << nx << "x" << ny << ": " << x << "," << y;
+    }
+}
 
 }  // namespace
 
 class Image2d : public BackendTest {};
 
-// A right-angle rotation is an index permutation up to rounding of the sine
-// and cosine; a source on the border may round to just outside and read 0.
-static void expect_permutation(const std::vector<float>& o, const std::vector<float>& a, int nx, int ny, int sx_of[],
-                        int sy_of[]) {
-  for (int y = 0; y < ny; ++y)
-    for (int x = 0; x < nx; ++x) {
-      const int i = y * nx + x, sx = sx_of[i], sy = sy_of[i];
-      const float want = a[sy * nx + sx];
-      const bool border = sx == 0 || sy == 0 || sx == nx - 1 || sy == ny - 1;
-      if (border && o[i] == 0.0f) continue;
-      EXPECT_NEAR(o[i], want, 1e-5) << nx << "x" << ny << ": " << x << "," << y;
-    }
-}
-
-TEST_P(Image2d, RotationByRightAnglesIsAnIndexPermutation) {
+TEST_P(Image2d, RotationsMoveContentByTheAngle) {
+  Dev d;
   for (int n : {5, 6}) {
     std::vector<float> a = ramp_image(n, n, n);
-    float* d_a = to_dev(a);
-    float* d_o = d_alloc_float(n * n);
+    float *d_a = d.put(a), *d_o = d.f(n * n);
     // Content turns from +x toward +y: out(x, y) = in(y, n-1-x).
     hcuda_2d_rotate(d_a, d_o, n, n, 90.0f);
     std::vector<float> o = from_dev(d_o, n * n);
-    std::vector<int> sx(n * n), sy(n * n);
-    for (int y = 0; y < n; ++y)
-      for (int x = 0; x < n; ++x) {
-        sx[y * n + x] = y;
-        sy[y * n + x] = n - 1 - x;
-      }
-    expect_permutation(o, a, n, n, sx.data(), sy.data());
+    expect_moved(o, a, n, n, [n](int x, int y) { return std::make_pair(y, n - 1 - x); });
     if (n == 5) {
       EXPECT_NEAR(o[4 * 5 + 2], a[2 * 5 + 4], 1e-5);  // (4, 2) went to (2, 4)
     }
-    int interior = 0;
-    for (int y = 1; y < n - 1; ++y)
-      for (int x = 1; x < n - 1; ++x) interior += fabsf(o[y * n + x] - a[(n - 1 - x) * n + y]) < 1e-5f;
-    EXPECT_EQ(interior, (n - 2) * (n - 2));
     // 0 degrees changes nothing, the last row and column included.
     hcuda_2d_rotate(d_a, d_o, n, n, 0.0f);
     EXPECT_EQ(from_dev(d_o, n * n), a);
-    device_free(d_a);
-    device_free(d_o);
   }
   // 180 degrees about the point between pixels of an even image.
   const int nx = 6, ny = 4;
   std::vector<float> a = ramp_image(nx, ny, 3);
-  float* d_a = to_dev(a);
-  float* d_o = d_alloc_float(nx * ny);
-  hcuda_2d_rotate(d_a, d_o, nx, ny, 180.0f);
+  float* d_o = d.f(nx * ny);
+  hcuda_2d_rotate(d.put(a), d_o, nx, ny, 180.0f);
   std::vector<float> o = from_dev(d_o, nx * ny);
-  std::vector<int> sx(nx * ny), sy(nx * ny);
-  for (int y = 0; y < ny; ++y)
-    for (int x = 0; x < nx; ++x) {
-      sx[y * nx + x] = nx - 1 - x;
-      sy[y * nx + x] = ny - 1 - y;
-    }
-  expect_permutation(o, a, nx, ny, sx.data(), sy.data());
+  expect_moved(o, a, nx, ny, [](int x, int y) { return std::make_pair(nx - 1 - x, ny - 1 - y); });
   EXPECT_NEAR(o[(ny - 2) * nx + nx - 2], a[1 * nx + 1], 1e-5);
-  device_free(d_a);
-  device_free(d_o);
-}
-
-TEST_P(Image2d, RotationClearsCornersFromOutside) {
+  // 45 degrees: the corners come from outside and are cleared.
   const int n = 9;
-  std::vector<float> a(n * n, 1.0f);
-  float* d_a = to_dev(a);
-  float* d_o = d_alloc_float(n * n);
-  hcuda_2d_rotate(d_a, d_o, n, n, 45.0f);
-  std::vector<float> o = from_dev(d_o, n * n);
+  float* d_r = d.f(n * n);
+  hcuda_2d_rotate(d.put(std::vector<float>(n * n, 1.0f)), d_r, n, n, 45.0f);
+  o = from_dev(d_r, n * n);
   EXPECT_EQ(o[0], 0.0f);
   EXPECT_EQ(o[n * n - 1], 0.0f);
   EXPECT_FLOAT_EQ(o[4 * n + 4], 1.0f);
-  device_free(d_a);
-  device_free(d_o);
 }
 
 TEST_P(Image2d, TranslationsAndAffineTransform) {
   const int nx = 7, ny = 5;
   std::vector<float> a = ramp_image(nx, ny, 8);
-  float* d_a = to_dev(a);
-  float* d_o = d_alloc_float(nx * ny);
+  Dev d;
+  float *d_a = d.put(a), *d_o = d.f(nx * ny);
   hcuda_2d_translate(d_a, d_o, nx, ny, 2.0f, -1.0f);  // samples (x - 2, y + 1)
   std::vector<float> o = from_dev(d_o, nx * ny);
   for (int y = 0; y < ny; ++y)
     for (int x = 0; x < nx; ++x) {
       const int sx = x - 2, sy = y + 1;
-      const float want = (sx < 0 || sy >= ny) ? 0.0f : a[sy * nx + sx];
-      EXPECT_EQ(o[y * nx + x], want);
+      EXPECT_EQ(o[y * nx + x], (sx < 0 || sy >= ny) ? 0.0f : a[sy * nx + sx]);
     }
   hcuda_2d_translate_x(d_a, d_o, nx, ny, 1.0f);
   EXPECT_EQ(from_dev(d_o, nx * ny)[3], a[2]);
@@ -121,19 +112,14 @@ TEST_P(Image2d, TranslationsAndAffineTransform) {
   // uses m as given, inverse = 0 inverts it first.  Exact in double.
   const int n = 6;
   std::vector<float> b = ramp_image(n, n, 4);
-  float* d_b = to_dev(b);
-  float* d_r = d_alloc_float(n * n);
-  float* d_t = d_alloc_float(n * n);
-  RT_Mat2D src = {0, 1, -1, 0, 0, 0};
-  hcuda_2d_transform(d_b, d_t, n, n, 2.5f, 2.5f, src, 1);
+  float *d_b = d.put(b), *d_r = d.f(n * n), *d_t = d.f(n * n);
+  hcuda_2d_transform(d_b, d_t, n, n, 2.5f, 2.5f, RT_Mat2D{0, 1, -1, 0, 0, 0}, 1);
   std::vector<float> t = from_dev(d_t, n * n);
   for (int y = 0; y < n; ++y)
     for (int x = 0; x < n; ++x) EXPECT_EQ(t[y * n + x], b[(n - 1 - x) * n + y]);
-  RT_Mat2D fwd = {0, -1, 1, 0, 0, 0};
-  hcuda_2d_transform(d_b, d_r, n, n, 2.5f, 2.5f, fwd, 0);
+  hcuda_2d_transform(d_b, d_r, n, n, 2.5f, 2.5f, RT_Mat2D{0, -1, 1, 0, 0, 0}, 0);
   EXPECT_EQ(from_dev(d_r, n * n), t);
-  RT_Mat2D shift = {1, 0, 0, 1, 1, 0};  // samples (x + 1, y)
-  hcuda_2d_transform(d_b, d_t, n, n, 2.5f, 2.5f, shift, 1);
+  hcuda_2d_transform(d_b, d_t, n, n, 2.5f, 2.5f, RT_Mat2D{1, 0, 0, 1, 1, 0}, 1);  // samples (x + 1, y)
   t = from_dev(d_t, n * n);
   EXPECT_EQ(t[0], b[1]);
   EXPECT_EQ(t[n - 1], 0.0f);
@@ -145,20 +131,16 @@ TEST_P(Image2d, TranslationsAndAffineTransform) {
   hcuda_2d_translate(d_b, d_r, n, n, 0.0f, 1.0f);
   EXPECT_EQ(from_dev(d_t, n * n), from_dev(d_r, n * n));
   // An angular average over a constant image keeps the constant.
-  std::vector<float> c(n * n, 3.0f);
-  float* d_c = to_dev(c);
-  hcuda_2d_rotate_ave_anycenter(d_c, d_t, n, n, 2.5f, 2.5f, 30.0f);
+  hcuda_2d_rotate_ave_anycenter(d.put(std::vector<float>(n * n, 3.0f)), d_t, n, n, 2.5f, 2.5f, 30.0f);
   for (float v : from_dev(d_t, n * n)) EXPECT_FLOAT_EQ(v, 3.0f);
-  for (float* p : {d_a, d_o, d_b, d_r, d_t, d_c}) device_free(p);
 }
 
-TEST_P(Image2d, CopyIntoCentreAndPlacement) {
+TEST_P(Image2d, CopiesPaddingAndScaling) {
   const int nxl = 9, nyl = 8, nxs = 4, nys = 3;
-  std::vector<float> small(nxs * nys);
+  std::vector<float> small(nxs * nys), host(nxl * nyl, 0.0f);
   for (int i = 0; i < nxs * nys; ++i) small[i] = (float)(i + 1);
-  std::vector<float> large(nxl * nyl, -1.0f);
-  float* d_l = to_dev(large);
-  float* d_s = to_dev(small);
+  Dev d;
+  float *d_l = d.put(std::vector<float>(nxl * nyl, -1.0f)), *d_s = d.put(small);
   hcuda_x2d_cp_small_to_large_center(d_l, d_s, nxl, nyl, nxs, nys);
   std::vector<float> o = from_dev(d_l, nxl * nyl);
   const int ox = 2, oy = 2;  // (9 - 4)/2 and (8 - 3)/2, truncated
@@ -168,7 +150,6 @@ TEST_P(Image2d, CopyIntoCentreAndPlacement) {
       EXPECT_EQ(o[y * nxl + x], in ? small[(y - oy) * nxs + x - ox] : -1.0f) << x << "," << y;
     }
   // Off the right and bottom edges: the rest is skipped, on both forms.
-  std::vector<float> host(nxl * nyl, 0.0f);
   cpu_x2d_cp_small_to_large(host.data(), small.data(), nxl, nyl, nxs, nys, 7, 6);
   hcuda_2d_empty(d_l, nxl, nyl);
   hcuda_x2d_cp_small_to_large(d_l, d_s, nxl, nyl, nxs, nys, 7, 6);
@@ -184,73 +165,49 @@ TEST_P(Image2d, CopyIntoCentreAndPlacement) {
   cpu_x2d_cp_smalls_to_large(host.data(), small.data(), nxl, nyl, 2, 2, origins, 2);
   EXPECT_EQ(host[0], 1.0f);
   EXPECT_EQ(host[5 * nxl + 5], 5.0f);  // second 2 by 2 image starts at element 4
-  device_free(d_l);
-  device_free(d_s);
-}
 
-TEST_P(Image2d, MirrorPaddingAndItsInverse) {
-  std::vector<float> ab = {1.0f, 2.0f};
-  float* d = to_dev(ab);
-  float* p = d_get_2d_mirror_pad(d, 2, 1);
+  // Mirror padding to twice the size, and back.
+  float* p = d.keep(d_get_2d_mirror_pad(d.put(std::vector<float>{1.0f, 2.0f}), 2, 1));
   EXPECT_EQ(from_dev(p, 8), (std::vector<float>{1, 2, 2, 1, 1, 2, 2, 1}));
-  device_free(d);
-  device_free(p);
-  const int nx = 5, ny = 3;
+  const int nx = 5, ny = 3, w = 2 * nx;
   std::vector<float> a = ramp_image(nx, ny, 2);
-  float* d_a = to_dev(a);
-  float* d_p = d_alloc_float(4 * nx * ny);
+  float *d_a = d.put(a), *d_p = d.f(4 * nx * ny);
   hcuda_2d_mirror_pad(d_p, d_a, nx, ny);
-  std::vector<float> o = from_dev(d_p, 4 * nx * ny);
-  const int w = 2 * nx;
+  o = from_dev(d_p, 4 * nx * ny);
   for (int y = 0; y < 2 * ny; ++y)
     for (int x = 0; x < w; ++x) {
       const int sx = x < nx ? x : w - 1 - x, sy = y < ny ? y : 2 * ny - 1 - y;
       EXPECT_EQ(o[y * w + x], a[sy * nx + sx]) << x << "," << y;
     }
-  float* back = d_get_2d_mirror_pad_inv(d_p, nx, ny);
-  EXPECT_EQ(from_dev(back, nx * ny), a);
+  EXPECT_EQ(from_dev(d.keep(d_get_2d_mirror_pad_inv(d_p, nx, ny)), nx * ny), a);
   hcuda_2d_empty(d_a, nx, ny);
   hcuda_2d_mirror_pad_inv(d_a, d_p, nx, ny);
   EXPECT_EQ(from_dev(d_a, nx * ny), a);
-  device_free(back);
-  device_free(d_a);
-  device_free(d_p);
-}
 
-TEST_P(Image2d, ScalingKeepsTheCentre) {
+  // Scaling keeps the centre.  f = 0.5 on 5 by 5: 2 by 2; output (0,0)
+  // samples (1,1) and (1,1) samples (3,3).
   const int n = 5;
-  std::vector<float> a = ramp_image(n, n, 6);
-  float* d_a = to_dev(a);
-  float* d_o = d_alloc_float(n * n);
-  hcuda_2d_scale(d_o, d_a, n, n, 1.0f);
-  EXPECT_EQ(from_dev(d_o, n * n), a);
-  // f = 0.5: 2 by 2; output (0,0) samples (1,1) and (1,1) samples (3,3).
+  std::vector<float> c = ramp_image(n, n, 6), st = c;
+  float *d_c = d.put(c), *d_o = d.f(n * n);
+  hcuda_2d_scale(d_o, d_c, n, n, 1.0f);
+  EXPECT_EQ(from_dev(d_o, n * n), c);
   EXPECT_EQ(get_2d_scaled_size(5, 0.5f), 2);
-  hcuda_2d_scale(d_o, d_a, n, n, 0.5f);
-  std::vector<float> o = from_dev(d_o, 4);
-  EXPECT_EQ(o[0], a[1 * n + 1]);
-  EXPECT_EQ(o[3], a[3 * n + 3]);
-  EXPECT_EQ(o[1], a[1 * n + 3]);
+  hcuda_2d_scale(d_o, d_c, n, n, 0.5f);
+  o = from_dev(d_o, 4);
+  EXPECT_TRUE(o[0] == c[1 * n + 1] && o[1] == c[1 * n + 3] && o[3] == c[3 * n + 3]);
   // f = 2 on 3 by 3: 6 by 6, the outer ring samples outside and is 0; the
   // centre point (2.5, 2.5) of the output is the input's centre (1, 1).
-  std::vector<float> b = {0, 0, 0, 0, 4, 0, 0, 0, 0};
-  float* d_b = to_dev(b);
-  float* d_big = d_alloc_float(36);
-  hcuda_2d_scale(d_big, d_b, 3, 3, 2.0f);
+  float* d_big = d.f(36);
+  hcuda_2d_scale(d_big, d.put(std::vector<float>{0, 0, 0, 0, 4, 0, 0, 0, 0}), 3, 3, 2.0f);
   std::vector<float> big = from_dev(d_big, 36);
   EXPECT_EQ(big[0], 0.0f);
   EXPECT_EQ(big[2 * 6 + 2], big[3 * 6 + 3]);  // symmetric about the shared centre
   EXPECT_FLOAT_EQ(big[2 * 6 + 2], 4.0f * 0.75f * 0.75f);
   // Staged stack form, image by image.
-  std::vector<float> st(2 * n * n);
-  for (int i = 0; i < n * n; ++i) st[i] = st[n * n + i] = a[i];
+  st.insert(st.end(), c.begin(), c.end());
   std::vector<float> so(2 * 4);
   gpu_2ds_scale(so.data(), st.data(), n, n, 2, 0.5f);
-  for (int i = 0; i < 4; ++i) EXPECT_TRUE(so[i] == o[i] && so[4 + i] == o[i]);
-  device_free(d_a);
-  device_free(d_o);
-  device_free(d_b);
-  device_free(d_big);
+  EXPECT_EQ(so, (std::vector<float>{o[0], o[1], o[2], o[3], o[0], o[1], o[2], o[3]}));
 }
 
 TEST_P(Image2d, SoftMaskProfilesOfBothForms) {
@@ -284,51 +241,34 @@ TEST_P(Image2d, SoftMaskProfilesOfBothForms) {
       EXPECT_EQ(host[y * nx + x], d2 <= r * r ? 1.0f : 0.0f);
     }
   // Central forms use ((nx - 1)/2, (ny - 1)/2).
-  float* d_m = d_alloc_float(nx * ny);
+  Dev d;
+  float* d_m = d.f(nx * ny);
   hcuda_2d_generate_central_rmask(d_m, nx, ny, 2.0f, 1.0f);
-  std::vector<float> ref(nx * ny), c(nx * ny);
-  gpu_2d_generate_rmask_soft(ref.data(), nx, ny, 11.5f, 10.0f, 2.0f, 1.0f);
-  EXPECT_EQ(from_dev(d_m, nx * ny), ref);
-  cpu_2d_generate_central_rmask(c.data(), nx, ny, 2.0f, 1.0f);
+  gpu_2d_generate_rmask_soft(dev.data(), nx, ny, 11.5f, 10.0f, 2.0f, 1.0f);
+  EXPECT_EQ(from_dev(d_m, nx * ny), dev);
+  cpu_2d_generate_central_rmask(host.data(), nx, ny, 2.0f, 1.0f);
+  std::vector<float> ref(nx * ny);
   cpu_2d_generate_rmask_soft(ref.data(), nx, ny, 11.5f, 10.0f, 2.0f, 1.0f);
-  EXPECT_EQ(c, ref);
+  EXPECT_EQ(host, ref);
   hcuda_2d_generate_central_sharp_rmask(d_m, nx, ny, 2.0f);
-  gpu_2d_generate_rmask_soft(ref.data(), nx, ny, 11.5f, 10.0f, 2.0f, 0.0f);
-  EXPECT_EQ(from_dev(d_m, nx * ny), ref);
-  device_free(d_m);
-}
-
-TEST_P(Image2d, MaskedNormalisationOnTheHost) {
-  const int n = 16;
-  std::vector<float> a = ramp_image(n, n, 12), m(n * n);
-  for (float& v : a) v = v * 3.0f + 7.0f;
-  cpu_2d_normz_withRmask_applymask_inplace(a.data(), n, n, 7.5f, 7.5f, 5.0f, 2.0f);
-  cpu_2d_generate_rmask_soft(m.data(), n, n, 7.5f, 7.5f, 5.0f, 2.0f);
-  // a is now (v - mean)/s*m: recover the weighted statistics.
-  double w = 0, s1 = 0, s2 = 0;
-  for (int i = 0; i < n * n; ++i) {
-    if (m[i] == 0.0f) {
-      EXPECT_EQ(a[i], 0.0f);
-      continue;
-    }
-    const double v = a[i] / m[i];
-    w += m[i];
-    s1 += m[i] * v;
-    s2 += m[i] * v * v;
-  }
-  EXPECT_NEAR(s1 / w, 0.0, 1e-5);
-  EXPECT_NEAR(s2 / w, 1.0, 1e-4);
-  std::vector<float> b = ramp_image(n, n, 13), ones(n * n, 1.0f);
-  EXPECT_NEAR(cpu_x2d_ccc_with2maskfs(b.data(), ones.data(), b.data(), m.data(), n, n), 1.0f, 1e-5);
+  gpu_2d_generate_rmask_soft(dev.data(), nx, ny, 11.5f, 10.0f, 2.0f, 0.0f);
+  EXPECT_EQ(from_dev(d_m, nx * ny), dev);
+  // The 1-D forms agree with each other and with the same profile.
+  std::vector<float> d1(12), h1(12);
+  gpu_1d_generate_rmask_soft(d1.data(), 12, 5.0f, 2.0f, 3.0f);
+  cpu_1d_generate_rmask_soft(h1.data(), 12, 5.0f, 2.0f, 3.0f);
+  EXPECT_EQ(d1, h1);
+  EXPECT_TRUE(h1[5] == 1.0f && h1[3] == 1.0f && h1[11] == 0.0f);  // centre, d = r, beyond r + soft
+  EXPECT_NEAR(h1[8], exp(-0.5), 1e-6);   // d - r = 1 = soft/3
+  EXPECT_NEAR(h1[10], exp(-4.5), 1e-7);  // d = r + soft
 }
 
 TEST_P(Image2d, PixelArithmetic) {
   const int nx = 3, ny = 2, n = 6;
   std::vector<float> a = {1, 4, 9, -16, 0.5f, 2};
   std::vector<float> b = {2, 2, 3, 4, 0.25f, -1};
-  float* d_a = to_dev(a);
-  float* d_b = to_dev(b);
-  float* d_o = d_alloc_float(n);
+  Dev d;
+  float *d_a = d.put(a), *d_b = d.put(b), *d_o = d.f(n);
   auto get = [&]() { return from_dev(d_o, n); };
   hcuda_2d_add(d_o, d_a, nx, ny, 1.0f);
   EXPECT_EQ(get(), (std::vector<float>{2, 5, 10, -15, 1.5f, 3}));
@@ -340,8 +280,7 @@ TEST_P(Image2d, PixelArithmetic) {
   EXPECT_EQ(get()[3], 16.0f);
   hcuda_2d_sqrt(d_o, d_a, nx, ny);
   std::vector<float> o = get();
-  EXPECT_EQ(o[2], 3.0f);
-  EXPECT_TRUE(std::isnan(o[3]));
+  EXPECT_TRUE(o[2] == 3.0f && std::isnan(o[3]));
   hcuda_2d_pow(d_o, d_a, nx, ny, 2.0f);
   EXPECT_NEAR(get()[2], 81.0f, 1e-4);
   hcuda_2d_log2(d_o, d_a, nx, ny);
@@ -373,83 +312,55 @@ TEST_P(Image2d, PixelArithmetic) {
       },
       ::testing::ExitedWithCode(1), "divisor must be non-zero value\nError in function hcuda_2d_divide\\(\\)");
   hcuda_2d_divide_inplace(d_o, nx, ny, 0.0f);
-  device_free(d_a);
-  device_free(d_b);
-  device_free(d_o);
+  // Flips and the transposition.
+  const std::vector<float> f = {1, 2, 3, 4, 5, 6};
+  float* d_f = d.put(f);
+  hcuda_2d_flipx(d_o, d_f, nx, ny);
+  EXPECT_EQ(get(), (std::vector<float>{3, 2, 1, 6, 5, 4}));
+  hcuda_2d_flipy(d_o, d_f, nx, ny);
+  EXPECT_EQ(get(), (std::vector<float>{4, 5, 6, 1, 2, 3}));
+  hcuda_2d_flipxy(d_o, d_f, nx, ny);
+  EXPECT_EQ(get(), (std::vector<float>{1, 4, 2, 5, 3, 6}));
 }
 
 TEST_P(Image2d, ComplexArithmetic) {
   const int nx = 2, ny = 1;
-  std::vector<float2> a = {{1, 2}, {3, -1}}, b = {{0, 1}, {2, 2}};
-  float2* d_a = nullptr;
-  float2* d_b = nullptr;
-  float2* d_o = d_alloc_float2(2);
-  safe_cudaMalloc((void**)&d_a, 2 * sizeof(float2));
-  safe_cudaMalloc((void**)&d_b, 2 * sizeof(float2));
-  memcpy_H2D(d_a, a.data(), 2 * sizeof(float2));
-  memcpy_H2D(d_b, b.data(), 2 * sizeof(float2));
-  std::vector<float2> o(2);
-  auto get = [&]() { memcpy_D2H(o.data(), d_o, 2 * sizeof(float2)); };
+  const std::vector<float2> a = {{1, 2}, {3, -1}}, b = {{0, 1}, {2, 2}};
+  Dev d;
+  float2 *d_a = d.put(a), *d_b = d.put(b), *d_o = d.c(2);
+  // Both elements of out, as x0, y0, x1, y1.
+  auto got = [&](const float2* p) {
+    std::vector<float2> o = from_dev(p, 2);
+    return std::vector<float>{o[0].x, o[0].y, o[1].x, o[1].y};
+  };
   hcuda_cxc_2d_multi(d_a, d_b, d_o, nx, ny);
-  get();
-  EXPECT_TRUE(o[0].x == -2 && o[0].y == 1 && o[1].x == 8 && o[1].y == 4);
+  EXPECT_EQ(got(d_o), (std::vector<float>{-2, 1, 8, 4}));
   hcuda_cxc_2d_multconj(d_a, d_b, d_o, nx, ny);
-  get();
-  EXPECT_TRUE(o[0].x == 2 && o[0].y == -1 && o[1].x == 4 && o[1].y == -8);
+  EXPECT_EQ(got(d_o), (std::vector<float>{2, -1, 4, -8}));
   hcuda_cxc_2d_divide(d_a, d_b, d_o, nx, ny);  // a*conj(b)/|b|^2
-  get();
-  EXPECT_TRUE(o[0].x == 2 && o[0].y == -1 && o[1].x == 0.5f && o[1].y == -1);
+  EXPECT_EQ(got(d_o), (std::vector<float>{2, -1, 0.5f, -1}));
   hcuda_cxc_2d_multconj_divide(d_a, d_b, d_o, nx, ny, 2.0f);
-  get();
-  EXPECT_TRUE(o[1].x == 2 && o[1].y == -4);
+  EXPECT_EQ(got(d_o), (std::vector<float>{1, -0.5f, 2, -4}));
   std::vector<float2> h = a;
   cpu_cxc_2d_divide_inplace(h.data(), b.data(), nx, ny);
   EXPECT_TRUE(h[1].x == 0.5f && h[1].y == -1);
   hcuda_cxc_2d_sub(d_a, d_b, d_o, nx, ny);
-  get();
-  EXPECT_TRUE(o[1].x == 1 && o[1].y == -3);
-  std::vector<float> w = {2, 4};
-  float* d_w = to_dev(w);
+  EXPECT_EQ(got(d_o), (std::vector<float>{1, 1, 1, -3}));
+  float* d_w = d.put(std::vector<float>{2, 4});
   hcuda_cxr_2d_multi(d_a, d_w, d_o, nx, ny);
-  get();
-  EXPECT_TRUE(o[1].x == 12 && o[1].y == -4);
+  EXPECT_EQ(got(d_o), (std::vector<float>{2, 4, 12, -4}));
   hcuda_cxr_2d_divide_inplace(d_a, d_w, nx, ny);
-  memcpy_D2H(o.data(), d_a, 2 * sizeof(float2));
-  EXPECT_TRUE(o[0].x == 0.5f && o[0].y == 1);
+  EXPECT_EQ(got(d_a), (std::vector<float>{0.5f, 1, 0.75f, -0.25f}));
   hcuda_2d_cx_empty(d_a, nx, ny);
-  memcpy_D2H(o.data(), d_a, 2 * sizeof(float2));
-  EXPECT_TRUE(o[1].x == 0 && o[1].y == 0);
-  device_free(d_a);
-  device_free(d_b);
-  device_free(d_o);
-  device_free(d_w);
-}
-
-TEST_P(Image2d, FlipsAndTransposition) {
-  const int nx = 3, ny = 2;
-  std::vector<float> a = {1, 2, 3, 4, 5, 6};
-  float* d_a = to_dev(a);
-  float* d_o = d_alloc_float(6);
-  hcuda_2d_flipx(d_o, d_a, nx, ny);
-  EXPECT_EQ(from_dev(d_o, 6), (std::vector<float>{3, 2, 1, 6, 5, 4}));
-  hcuda_2d_flipy(d_o, d_a, nx, ny);
-  EXPECT_EQ(from_dev(d_o, 6), (std::vector<float>{4, 5, 6, 1, 2, 3}));
-  hcuda_2d_flipxy(d_o, d_a, nx, ny);
-  EXPECT_EQ(from_dev(d_o, 6), (std::vector<float>{1, 4, 2, 5, 3, 6}));
-  hcuda_2d_memcpy(d_o, d_a, nx, ny);
-  EXPECT_EQ(from_dev(d_o, 6), a);
-  hcuda_2d_memset(d_o, 2.5f, nx, ny);
-  EXPECT_EQ(from_dev(d_o, 6), std::vector<float>(6, 2.5f));
-  device_free(d_a);
-  device_free(d_o);
+  EXPECT_EQ(got(d_a), std::vector<float>(4, 0.0f));
 }
 
 TEST_P(Image2d, BoxStatisticsCutAtTheEdge) {
   const int nx = 5, ny = 4;
   std::vector<float> a(nx * ny);
   for (int i = 0; i < nx * ny; ++i) a[i] = (float)i;
-  float* d_a = to_dev(a);
-  float* d_o = d_alloc_float(nx * ny);
+  Dev d;
+  float *d_a = d.put(a), *d_o = d.f(nx * ny);
   hcuda_2d_convolution_by_box(d_a, d_o, nx, ny, 2, 2);
   std::vector<float> o = from_dev(d_o, nx * ny);
   // Box [x-1, x+1) by [y-1, y+1): at (0, 0) only the pixel itself.
@@ -460,22 +371,18 @@ TEST_P(Image2d, BoxStatisticsCutAtTheEdge) {
   EXPECT_EQ(o[0], 0.0f);
   EXPECT_FLOAT_EQ(o[1 * nx + 1], sqrtf((9.0f + 4.0f + 4.0f + 9.0f) / 4.0f));  // values 0 1 5 6, mean 3
   // log, then less the box mean: a constant image goes to 0.
-  std::vector<float> c(nx * ny, 5.0f);
-  float* d_c = to_dev(c);
+  float* d_c = d.put(std::vector<float>(nx * ny, 5.0f));
   hcuda_2d_log_subbg_boxconv_inplace(d_c, nx, ny, 3);
   for (float v : from_dev(d_c, nx * ny)) EXPECT_NEAR(v, 0.0f, 1e-6);
-  device_free(d_a);
-  device_free(d_o);
-  device_free(d_c);
 }
 
 TEST_P(Image2d, StackAverageAndHotPixels) {
   const int nx = 6, ny = 5, nz = 3, n = nx * ny;
-  std::vector<float> st = ramp_image(n, nz, 14);
-  float* d_st = to_dev(st);
-  float* d_o = d_alloc_float(n);
-  hcuda_2ds_average(d_o, d_st, nx, ny, nz);
-  std::vector<float> o = from_dev(d_o, n), g(n);
+  std::vector<float> st = ramp_image(n, nz, 14), g(n);
+  Dev d;
+  float* d_o = d.f(n);
+  hcuda_2ds_average(d_o, d.put(st), nx, ny, nz);
+  std::vector<float> o = from_dev(d_o, n);
   gpu_2ds_average(g.data(), st.data(), nx, ny, nz);
   EXPECT_EQ(o, g);
   EXPECT_FLOAT_EQ(o[7], (st[7] + st[n + 7] + st[2 * n + 7]) / 3.0f);
@@ -491,30 +398,62 @@ TEST_P(Image2d, StackAverageAndHotPixels) {
   EXPECT_EQ(img[n + 1], 4.0f);
   // Corner (0, 0): left and up fall back on the pixel itself (50).
   EXPECT_FLOAT_EQ(img[n + 0], (2.0f * (50 + 4 + 50 + 1) + (50 + 4 + 1 + 1)) / 12.0f);
-  device_free(d_st);
-  device_free(d_o);
 }
 
 TEST_P(Image2d, LowFrequenciesOfAHalfPlane) {
   const int nxh = 9, ny = 16;  // R = 2*8*1/4 = 4 pixels
-  std::vector<float> a(nxh * ny, 1.0f);
-  float* d = to_dev(a);
-  hcuda_2dh_smooth_low_frequency_inplace(d, nxh, ny, 1.0f, 4.0f);
-  std::vector<float> o = from_dev(d, nxh * ny), h = a, z = a;
+  std::vector<float> a(nxh * ny, 1.0f), h = a, z = a;
+  Dev d;
+  float* d_a = d.put(a);
+  hcuda_2dh_smooth_low_frequency_inplace(d_a, nxh, ny, 1.0f, 4.0f);
+  std::vector<float> o = from_dev(d_a, nxh * ny);
   cpu_2dh_smooth_low_frequency_inplace(h.data(), nxh, ny, 1.0f, 4.0f);
   EXPECT_EQ(o, h);
-  EXPECT_NEAR(o[8 * nxh + 0], exp(-4.5), 1e-7);                     // the origin (0, ny/2)
+  EXPECT_NEAR(o[8 * nxh + 0], exp(-4.5), 1e-7);                                // the origin (0, ny/2)
   EXPECT_NEAR(o[8 * nxh + 3], exp(-1.0 / (2 * (4.0 / 3) * (4.0 / 3))), 1e-6);  // r = 3
-  EXPECT_EQ(o[8 * nxh + 4], 1.0f);                                   // r = R
+  EXPECT_EQ(o[8 * nxh + 4], 1.0f);                                             // r = R
   cpu_2dh_zero_low_frequency_inplace(z.data(), nxh, ny, 1.0f, 4.0f);
   EXPECT_EQ(z[8 * nxh + 3], 0.0f);
   EXPECT_EQ(z[8 * nxh + 4], 1.0f);
   EXPECT_EQ(z[5 * nxh + 0], 0.0f);  // r = 3, three rows above the origin
   EXPECT_EQ(z[3 * nxh + 0], 1.0f);  // r = 5
-  device_free(d);
 }
 
-TEST_P(Image2d, PeaksProfilesGridsAndFits) {
+TEST_P(Image2d, GridBoxesAndFlatMasks) {
+  // Boxes on a grid: 10 by 8 with box 4, step 3: 3 by 2 boxes.
+  std::vector<float> img(80);
+  for (int i = 0; i < 80; ++i) img[i] = (float)i;
+  int box = 4;
+  EXPECT_EQ(host_2d_read_ptcls_to_2ds_from_autogrids(nullptr, img.data(), 10, 8, box, 3), 6);
+  std::vector<float> st(6 * 16);
+  host_2d_read_ptcls_to_2ds_from_autogrids(st.data(), img.data(), 10, 8, box, 3);
+  EXPECT_EQ(st[16 * 4 + 0], img[3 * 10 + 3]);  // box 4 = (ix 1, iy 1)
+  Dev d;
+  float* d_st = d.f(6 * 16);
+  EXPECT_EQ(hcuda_2d_read_ptcls_to_2ds_from_autogrids(d_st, d.put(img), 10, 8, box, 3), 6);
+  EXPECT_EQ(from_dev(d_st, 96), st);
+  box = 9;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(host_2d_read_ptcls_to_2ds_from_autogrids(nullptr, img.data(), 10, 8, box, 2), 2);
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("boxsize larger than Nx or Ny, set as the smaller"),
+            std::string::npos);
+  EXPECT_EQ(box, 8);
+  // Masks combined pixel by pixel.
+  std::vector<float> a = {0, 0.5f, 1, 0.2f}, b = {1, 0.25f, 0, 0.4f}, o(4), c = a;
+  gpu_1d_mask_A_or_B(a.data(), b.data(), o.data(), 4);
+  EXPECT_EQ(o, (std::vector<float>{1, 0.5f, 1, 0.4f}));
+  cpu_1d_mask_A_and_B(a.data(), b.data(), o.data(), 4);
+  EXPECT_EQ(o, (std::vector<float>{0, 0.125f, 0, 0.2f * 0.4f}));
+  gpu_1d_mask_A_and_B_inplace(c.data(), b.data(), 4);
+  EXPECT_EQ(c, o);
+  float* dd = d.f(5);
+  hcuda_1d_auto0123(dd, 5);
+  EXPECT_EQ(from_dev(dd, 5), (std::vector<float>{0, 1, 2, 3, 4}));
+}
+
+ZK_BACKEND_SUITE(Image2d);
+
+TEST(Image2dHost, PeaksProfilesAndFits) {
   std::vector<float> a = {1, 5, 2, 5, 0, 5};
   Pixel p = cpu_2d_get_unique_peak(a.data(), 3, 2);
   EXPECT_TRUE(p.x == 1 && p.y == 0 && p.value == 5.0f);
@@ -527,24 +466,6 @@ TEST_P(Image2d, PeaksProfilesGridsAndFits) {
   std::vector<float> half(9 * 16, 2.0f), prof(9);
   rotational_average_2d_half(half.data(), prof.data(), 9, 16);
   for (float v : prof) EXPECT_FLOAT_EQ(v, 2.0f);
-  // Boxes on a grid: 10 by 8 with box 4, step 3: 3 by 2 boxes.
-  std::vector<float> img(80);
-  for (int i = 0; i < 80; ++i) img[i] = (float)i;
-  int box = 4;
-  EXPECT_EQ(host_2d_read_ptcls_to_2ds_from_autogrids(nullptr, img.data(), 10, 8, box, 3), 6);
-  std::vector<float> st(6 * 16), dst(6 * 16);
-  host_2d_read_ptcls_to_2ds_from_autogrids(st.data(), img.data(), 10, 8, box, 3);
-  EXPECT_EQ(st[16 * 4 + 0], img[3 * 10 + 3]);  // box 4 = (ix 1, iy 1)
-  float* d_img = to_dev(img);
-  float* d_st = d_alloc_float(6 * 16);
-  EXPECT_EQ(hcuda_2d_read_ptcls_to_2ds_from_autogrids(d_st, d_img, 10, 8, box, 3), 6);
-  EXPECT_EQ(from_dev(d_st, 96), st);
-  box = 9;
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(host_2d_read_ptcls_to_2ds_from_autogrids(nullptr, img.data(), 10, 8, box, 2), 2);
-  EXPECT_NE(testing::internal::GetCapturedStdout().find("boxsize larger than Nx or Ny, set as the smaller"),
-            std::string::npos);
-  EXPECT_EQ(box, 8);
   // Linear fit: ref = 2a + 3.
   std::vector<float> x = {0, 1, 2, 3, 4, 5}, ref(6);
   for (int i = 0; i < 6; ++i) ref[i] = 2 * x[i] + 3;
@@ -556,36 +477,31 @@ TEST_P(Image2d, PeaksProfilesGridsAndFits) {
   for (int i = 0; i < 6; ++i) EXPECT_FLOAT_EQ(x[i], ref[i]);
   cpu_2d_multi_add_inplace(x.data(), 3, 2, 0.5f, -1.0f);
   EXPECT_FLOAT_EQ(x[1], 1.5f);
-  device_free(d_img);
-  device_free(d_st);
 }
 
-TEST_P(Image2d, FlatMasks) {
-  const size_t n = 12;
-  std::vector<float> d(n), h(n);
-  gpu_1d_generate_rmask_soft(d.data(), n, 5.0f, 2.0f, 3.0f);
-  cpu_1d_generate_rmask_soft(h.data(), n, 5.0f, 2.0f, 3.0f);
-  EXPECT_EQ(d, h);
-  EXPECT_EQ(h[5], 1.0f);
-  EXPECT_EQ(h[3], 1.0f);                     // d = r
-  EXPECT_NEAR(h[8], exp(-0.5), 1e-6);        // d - r = 1 = soft/3
-  EXPECT_NEAR(h[10], exp(-4.5), 1e-7);       // d = r + soft
-  EXPECT_EQ(h[11], 0.0f);
-  std::vector<float> a = {0, 0.5f, 1, 0.2f}, b = {1, 0.25f, 0, 0.4f}, o(4);
-  gpu_1d_mask_A_or_B(a.data(), b.data(), o.data(), 4);
-  EXPECT_EQ(o, (std::vector<float>{1, 0.5f, 1, 0.4f}));
-  cpu_1d_mask_A_and_B(a.data(), b.data(), o.data(), 4);
-  EXPECT_EQ(o, (std::vector<float>{0, 0.125f, 0, 0.2f * 0.4f}));
-  std::vector<float> c = a;
-  gpu_1d_mask_A_and_B_inplace(c.data(), b.data(), 4);
-  EXPECT_EQ(c, o);
-  float* dd = d_alloc_float(5);
-  hcuda_1d_auto0123(dd, 5);
-  EXPECT_EQ(from_dev(dd, 5), (std::vector<float>{0, 1, 2, 3, 4}));
-  device_free(dd);
+TEST(Image2dHost, MaskedNormalisation) {
+  const int n = 16;
+  std::vector<float> a = ramp_image(n, n, 12), m(n * n);
+  for (float& v : a) v = v * 3.0f + 7.0f;
+  cpu_2d_normz_withRmask_applymask_inplace(a.data(), n, n, 7.5f, 7.5f, 5.0f, 2.0f);
+  cpu_2d_generate_rmask_soft(m.data(), n, n, 7.5f, 7.5f, 5.0f, 2.0f);
+  // a is now (v - mean)/s*m: recover the weighted statistics.
+  double w = 0, s1 = 0, s2 = 0;
+  for (int i = 0; i < n * n; ++i) {
+    if (m[i] == 0.0f) {
+      EXPECT_EQ(a[i], 0.0f);
+      continue;
+    }
+    const double v = a[i] / m[i];
+    w += m[i];
+    s1 += m[i] * v;
+    s2 += m[i] * v * v;
+  }
+  EXPECT_NEAR(s1 / w, 0.0, 1e-5);
+  EXPECT_NEAR(s2 / w, 1.0, 1e-4);
+  std::vector<float> b = ramp_image(n, n, 13), ones(n * n, 1.0f);
+  EXPECT_NEAR(cpu_x2d_ccc_with2maskfs(b.data(), ones.data(), b.data(), m.data(), n, n), 1.0f, 1e-5);
 }
-
-ZK_BACKEND_SUITE(Image2d);
 
 TEST(Image2dHost, ParticlesPastedOverAMicrograph) {
   const int nx = 8, ny = 6, b = 2;
