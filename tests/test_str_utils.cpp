@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 
 #include <string>
-#include <vector>
 
 #include "formats/str_utils.h"
 #include "formats/txt_file.h"
@@ -33,22 +32,6 @@ TEST(StrUtils, KeywordAndNullWords) {
   for (const char* w : {"h", "help", "---help", "--hel", "-hh", "--helpme"}) EXPECT_EQ(is_keywd_help(w), 0) << w;
   for (const char* t : {"NULL", "null", "Null", "NONE", "none", "", "\n", "\nabc"}) EXPECT_EQ(is_str_null(t), 1) << t;
   for (const char* t : {" ", "NULL ", "NULLS", "nul", "a"}) EXPECT_EQ(is_str_null(t), 0) << "[" << t << "]";
-}
-
-TEST(StrUtils, SwitchValues) {
-  std::vector<std::string> w = {"zavik", "--s", "mic.mrc", "--s", "./m.mrc", "--s", "0", "--s", "-x", "--s",
-                                "12abc", "--s"};
-  std::vector<char*> argv;
-  for (auto& s : w) argv.push_back(&s[0]);
-  // A letter or '-' leaves the word; a digit word or anything else is consumed;
-  // the last word of the line is on.
-  const int steps[][3] = {{1, 1, 1}, {3, 0, 4}, {5, 0, 6}, {7, 1, 7}, {9, 1, 10}, {11, 1, 11}};  // i, value, i after
-  for (auto& s : steps) {
-    int value = -7, i = s[0];
-    get_bool_keyword((int)argv.size(), argv.data(), value, i);
-    EXPECT_EQ(value, s[1]) << "at " << s[0];
-    EXPECT_EQ(i, s[2]) << "at " << s[0];
-  }
 }
 
 TEST(StrUtils, CopyClearsAllBytesAndCutsAt1023) {
