@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -32,9 +31,18 @@ struct Params {
   std::string excluded = "NULL";
 };
 
-const char* kStarHead =
+using Centres = std::vector<std::pair<int, int>>;
+
+const std::string kStarHead =
     "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n"
     "_rlnClassNumber #4\n_rlnAutopickFigureOfMerit #5\n";
+
+void put_file(const std::string& path, const std::string& text) {
+  FILE* f = fopen(path.c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  fwrite(text.data(), 1, text.size(), f);
+  fclose(f);
+}
 
 void write_raw(const std::string& path, const std::vector<Cand>& cands) {
   FILE* f = fopen(path.c_str(), "w");
@@ -44,8 +52,10 @@ void write_raw(const std::string& path, const std::vector<Cand>& cands) {
   fclose(f);
 }
 
+// Filters the raw file m_nonunique.box (written from cands unless they are
+// empty and the file stands there) and returns the output of the given mode.
 std::string filter(const ZkTmpDir& dir, const std::vector<Cand>& cands, int mode, const Params& p = Params()) {
-  write_raw(dir / "m_nonunique.box", cands);
+  if (!cands.empty() || !zk_exists(dir / "m_nonunique.box")) write_raw(dir / "m_nonunique.box", cands);
   std::string out = dir / (mode == 1 ? "m_zavik.star" : "m_zavik.box");
   EXPECT_EQ(box_filter(p.nx, p.ny, p.min_dist, p.cutoff, p.shrink, p.box, p.box, p.origin,
                        (dir / "m_nonunique.box").c_str(), p.excluded.c_str(), out.c_str(), mode),
@@ -53,28 +63,29 @@ std::string filter(const ZkTmpDir& dir, const std::vector<Cand>& cands, int mode
   return zk_slurp(out);
 }
 
-// The centres (x, y) of the picks of a box-form output, for a box of 4.
-std::vector<std::pair<int, int>> centres(const std::string& box_text, int box = 4) {
-  std::vector<std::pair<int, int>> v;
-  int x, y, w, h, t;
+// The centres (x, y) of the picks of a box-form output.
+Centres centres(const std::string& box_text, int box) {
+  Centres v;
+  int x, y, w, h, t, used;
   float cc, psi;
-  const char* s = box_text.c_str();
-  int used;
-  while (sscanf(s, "%d %d %d %d %f %d %f%n", &x, &y, &w, &h, &cc, &t, &psi, &used) == 7) {
+  for (const char* s = box_text.c_str(); sscanf(s, "%d %d %d %d %f %d %f%n", &x, &y, &w, &h, &cc, &t, &psi, &used) == 7;
+       s += used)
     v.push_back({x + box / 2, y + box / 2});
-    s += used;
-  }
   return v;
 }
 
-using Centres = std::vector<std::pair<int, int>>;
-
-void put_file(const std::string& path, const std::string& text) {
-  FILE* f = fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  fwrite(text.data(), 1, text.size(), f);
-  fclose(f);
+Centres picks(const ZkTmpDir& dir, const std::vector<Cand>& cands, const Params& p = Params()) {
+  return centres(filter(dir, cands, 2, p), p.box);
 }
+
+std::string star_line(int x, int y, float cc) {
+  char s[128];
+  snprintf(s, sizeof s, "%-8d%-8d0.000000\t0       %f\n", x, y, cc);
+  return s;
+}
+
+#define EXPECT_DIES(regex, ...) \
+  EXPECT_EXIT({ ZK_STDOUT_TO_STDERR(); __VA_ARGS__; }, ::testing::ExitedWithCode(1), regex)
 
 }  // namespace
 
@@ -82,157 +93,135 @@ TEST(BoxFilter, OneInnerPickByteForByteInBothForms) {
   ZkTmpDir dir;
   std::vector<Cand> c = {{55, 57, 0.5f, 2, 12.5f}};
   EXPECT_EQ(filter(dir, c, 2), "53      55      4       4       0.500000\t2       12.500000\n");
-  EXPECT_EQ(filter(dir, c, 1), std::string(kStarHead) + "55      57      12.500000\t2       0.500000\n");
+  EXPECT_EQ(filter(dir, c, 1), kStarHead + "55      57      12.500000\t2       0.500000\n");
   // Shrink 4, box 396: centre 4·(55, 57) = (220, 228), corner 198 less.
   Params p;
   p.nx = p.ny = 200;
   p.shrink = 4.0f;
   p.box = 396;
   EXPECT_EQ(filter(dir, c, 2, p), "22      30      396     396     0.500000\t2       12.500000\n");
-  EXPECT_EQ(filter(dir, c, 1, p), std::string(kStarHead) + "220     228     12.500000\t2       0.500000\n");
+  EXPECT_EQ(filter(dir, c, 1, p), kStarHead + "220     228     12.500000\t2       0.500000\n");
   // The origin is added to every output coordinate.
   p.origin = make_i2(1000, -7);
   EXPECT_EQ(filter(dir, c, 2, p), "1022    23      396     396     0.500000\t2       12.500000\n");
-  EXPECT_EQ(filter(dir, c, 1, p), std::string(kStarHead) + "1220    221     12.500000\t2       0.500000\n");
+  EXPECT_EQ(filter(dir, c, 1, p), kStarHead + "1220    221     12.500000\t2       0.500000\n");
 }
 
-TEST(BoxFilter, ChainOfThreeFallsInRasterOrder) {
+TEST(BoxFilter, CompetitionInRasterOrderStrictDistanceAndTies) {
   ZkTmpDir dir;
-  // Cells (3,5), (4,5), (5,5); A-B and B-C within limit2, A and C two cells
-  // apart and never compared.  High to low: A stays, B goes (A beats it), C
-  // stays because B is already gone when C is decided.
-  std::vector<Cand> down = {{39, 55, 0.9f, 0, 0}, {41, 55, 0.8f, 0, 0}, {50, 55, 0.7f, 0, 0}};
-  EXPECT_EQ(centres(filter(dir, down, 2)), (Centres{{39, 55}, {50, 55}}));
-  // Low to high: A goes to B, B goes to C, C stays.
-  std::vector<Cand> up = {{39, 55, 0.7f, 0, 0}, {41, 55, 0.8f, 0, 0}, {50, 55, 0.9f, 0, 0}};
-  EXPECT_EQ(centres(filter(dir, up, 2)), (Centres{{50, 55}}));
-  // The same chain down a column, rows decided in order.
-  std::vector<Cand> col = {{55, 39, 0.9f, 0, 0}, {55, 41, 0.8f, 0, 0}, {55, 50, 0.7f, 0, 0}};
-  EXPECT_EQ(centres(filter(dir, col, 2)), (Centres{{55, 39}, {55, 50}}));
-}
-
-TEST(BoxFilter, EqualScoresOfNeighboursTheLaterCellStays) {
-  ZkTmpDir dir;
-  std::vector<Cand> c = {{41, 55, 0.5f, 0, 0}, {39, 55, 0.5f, 1, 0}};
-  std::string out = filter(dir, c, 2);
-  EXPECT_EQ(centres(out), (Centres{{41, 55}}));
-}
-
-TEST(BoxFilter, EqualScoresAcrossTemplatesTheLowerIndexStays) {
-  ZkTmpDir dir;
-  // The raw file holds template 0 first: of equal scores the first read stays.
-  std::vector<Cand> c = {{55, 55, 0.5f, 0, 10}, {56, 55, 0.5f, 1, 20}, {55, 55, 0.4f, 2, 30}};
-  EXPECT_EQ(filter(dir, c, 2), "53      53      4       4       0.500000\t0       10.000000\n");
-  // A strictly higher score of a later template replaces it, angle included.
-  c.push_back({57, 56, 0.6f, 3, 40});
-  EXPECT_EQ(filter(dir, c, 2), "55      54      4       4       0.600000\t3       40.000000\n");
+  const struct {
+    const char* what;
+    std::vector<Cand> cands;
+    Centres want;
+  } cases[] = {
+      // Cells (3,5), (4,5), (5,5); A-B and B-C within limit2, A and C two
+      // cells apart.  High to low: B goes; C stays, B being gone already.
+      {"chain down", {{39, 55, 0.9f, 0, 0}, {41, 55, 0.8f, 0, 0}, {50, 55, 0.7f, 0, 0}}, {{39, 55}, {50, 55}}},
+      // Low to high: A goes to B, B goes to C.
+      {"chain up", {{39, 55, 0.7f, 0, 0}, {41, 55, 0.8f, 0, 0}, {50, 55, 0.9f, 0, 0}}, {{50, 55}}},
+      {"chain in a column", {{55, 39, 0.9f, 0, 0}, {55, 41, 0.8f, 0, 0}, {55, 50, 0.7f, 0, 0}}, {{55, 39}, {55, 50}}},
+      // Diagonal neighbours at a squared distance of exactly 200: both stay.
+      {"distance 200", {{44, 44, 0.9f, 0, 0}, {54, 54, 0.5f, 0, 0}}, {{44, 44}, {54, 54}}},
+      {"distance 181", {{44, 44, 0.9f, 0, 0}, {53, 54, 0.5f, 0, 0}}, {{44, 44}}},
+      // Two cells apart never compete, even at distance 11.
+      {"two cells apart", {{39, 55, 0.9f, 0, 0}, {50, 55, 0.5f, 0, 0}}, {{39, 55}, {50, 55}}},
+      // Equal scores of neighbours: the later cell stays.
+      {"tie", {{41, 55, 0.5f, 0, 0}, {39, 55, 0.5f, 1, 0}}, {{41, 55}}},
+  };
+  for (auto& c : cases) EXPECT_EQ(picks(dir, c.cands), c.want) << c.what;
+  // Of equal scores in one cell the first read (the lower template) stays; a
+  // strictly higher score of a later template replaces it, angle included.
+  std::vector<Cand> one = {{55, 55, 0.5f, 0, 10}, {56, 55, 0.5f, 1, 20}, {55, 55, 0.4f, 2, 30}};
+  EXPECT_EQ(filter(dir, one, 2), "53      53      4       4       0.500000\t0       10.000000\n");
+  one.push_back({57, 56, 0.6f, 3, 40});
+  EXPECT_EQ(filter(dir, one, 2), "55      54      4       4       0.600000\t3       40.000000\n");
 }
 
 TEST(BoxFilter, BorderRingOfANonSquareMicrographGivesNothing) {
   ZkTmpDir dir;
   Params p;
-  p.nx = 100;
   p.ny = 60;  // 10 by 6 cells; row 5 is the last
   std::vector<Cand> c = {
-      {5, 35, 0.9f, 0, 0},   // first column
-      {95, 35, 0.9f, 0, 0},  // last column
-      {55, 5, 0.9f, 0, 0},   // first row
-      {55, 55, 0.9f, 0, 0},  // last row
-      {35, 35, 0.9f, 0, 0},  // inner: stays
-      {75, 15, 0.8f, 0, 0},  // inner, row 1: stays
-      {55, 75, 0.9f, 0, 0},  // beyond the true height (mirrored search area): no cell
-      {105, 35, 0.9f, 0, 0}, // beyond the true width: no cell
+      {5, 35, 0.9f, 0, 0},    // first column
+      {95, 35, 0.9f, 0, 0},   // last column
+      {55, 5, 0.9f, 0, 0},    // first row
+      {55, 55, 0.9f, 0, 0},   // last row
+      {35, 35, 0.9f, 0, 0},   // inner: stays
+      {75, 15, 0.8f, 0, 0},   // inner, row 1: stays
+      {55, 75, 0.9f, 0, 0},   // beyond the true height (mirrored search area): no cell
+      {105, 35, 0.9f, 0, 0},  // beyond the true width: no cell
   };
-  // Each of the ring candidates has its box inside the micrograph: only the
-  // ring removes them.
-  EXPECT_EQ(centres(filter(dir, c, 2, p)), (Centres{{75, 15}, {35, 35}}));
-  std::string star = filter(dir, c, 1, p);
-  EXPECT_EQ(star, std::string(kStarHead) + "75      15      0.000000\t0       0.800000\n"
-                                           "35      35      0.000000\t0       0.900000\n");
+  // Each ring candidate has its box inside the micrograph: only the ring
+  // removes them.
+  EXPECT_EQ(picks(dir, c, p), (Centres{{75, 15}, {35, 35}}));
+  EXPECT_EQ(filter(dir, c, 1, p), kStarHead + star_line(75, 15, 0.8f) + star_line(35, 35, 0.9f));
 }
 
 TEST(BoxFilter, CutoffEqualityStaysAndScoreZeroNeverComesOut) {
   ZkTmpDir dir;
   Params p;
   p.cutoff = 0.25f;
-  std::vector<Cand> c = {{25, 25, 0.25f, 0, 0}, {55, 25, 0.249999f, 0, 0}, {25, 55, 0.26f, 0, 0}};
-  EXPECT_EQ(centres(filter(dir, c, 2, p)), (Centres{{25, 25}, {25, 55}}));
-  // Scores of 0 or below never enter a cell, whatever the cutoff.
+  EXPECT_EQ(picks(dir, {{25, 25, 0.25f, 0, 0}, {55, 25, 0.249999f, 0, 0}, {25, 55, 0.26f, 0, 0}}, p),
+            (Centres{{25, 25}, {25, 55}}));
+  // Scores of 0 or below never enter a cell, whatever the cutoff, so they
+  // defeat no neighbour either.
   p.cutoff = -1.0f;
-  std::vector<Cand> z = {{25, 25, 0.0f, 0, 0}, {55, 25, -0.5f, 0, 0}, {25, 55, 0.000001f, 0, 0}};
-  EXPECT_EQ(centres(filter(dir, z, 2, p)), (Centres{{25, 55}}));
-  // A candidate of score 0 never takes its cell, so it defeats no neighbour.
-  std::vector<Cand> n = {{39, 55, 0.0f, 0, 0}, {41, 55, 0.3f, 0, 0}};
-  EXPECT_EQ(centres(filter(dir, n, 2, p)), (Centres{{41, 55}}));
+  EXPECT_EQ(picks(dir, {{25, 25, 0.0f, 0, 0}, {55, 25, -0.5f, 0, 0}, {25, 55, 0.000001f, 0, 0}}, p),
+            (Centres{{25, 55}}));
+  EXPECT_EQ(picks(dir, {{39, 55, 0.0f, 0, 0}, {41, 55, 0.3f, 0, 0}}, p), (Centres{{41, 55}}));
 }
 
-TEST(BoxFilter, CompetitionDistanceIsStrict) {
+TEST(BoxFilter, ExclusionIsStrictScaledByShrinkAndShiftedByTheOrigin) {
   ZkTmpDir dir;
-  // Diagonal neighbours at a squared distance of exactly 200: both stay.
-  std::vector<Cand> eq = {{44, 44, 0.9f, 0, 0}, {54, 54, 0.5f, 0, 0}};
-  EXPECT_EQ(centres(filter(dir, eq, 2)), (Centres{{44, 44}, {54, 54}}));
-  // At 181 they compete and the lower one goes.
-  std::vector<Cand> near = {{44, 44, 0.9f, 0, 0}, {53, 54, 0.5f, 0, 0}};
-  EXPECT_EQ(centres(filter(dir, near, 2)), (Centres{{44, 44}}));
-  // Candidates two cells apart never compete, even at distance 11.
-  std::vector<Cand> far = {{39, 55, 0.9f, 0, 0}, {50, 55, 0.5f, 0, 0}};
-  EXPECT_EQ(centres(filter(dir, far, 2)), (Centres{{39, 55}, {50, 55}}));
-}
-
-TEST(BoxFilter, ExclusionDistanceIsStrictAndScaledByShrink) {
-  ZkTmpDir dir;
-  std::vector<Cand> c = {{55, 55, 0.5f, 0, 0}};
+  const std::vector<Cand> c = {{55, 55, 0.5f, 0, 0}};
+  const Centres kept = {{55, 55}};
   Params p;
   p.excluded = dir / "m_excluded.star";
   // limit2 · shrink² = 200: a .star centre at squared distance 200 leaves it.
-  put_file(p.excluded, std::string(kStarHead) + "65 65 0 0 1\n");
-  EXPECT_EQ(centres(filter(dir, c, 2, p)), (Centres{{55, 55}}));
-  put_file(p.excluded, std::string(kStarHead) + "65 64 0 0 1\n");
+  put_file(p.excluded, kStarHead + "65 65 0 0 1\n");
+  EXPECT_EQ(picks(dir, c, p), kept);
+  put_file(p.excluded, kStarHead + "65 64 0 0 1\n");
   EXPECT_EQ(filter(dir, c, 2, p), "");
   // A box record counts by its centre (60 + 10/2, 59 + 10/2) = (65, 64).
   p.excluded = dir / "m_excluded.box";
   put_file(p.excluded, "500 500 10 10\n60 59 10 10\n");
   EXPECT_EQ(filter(dir, c, 2, p), "");
   put_file(p.excluded, "60 60 10 10\n");
-  EXPECT_EQ(centres(filter(dir, c, 2, p)), (Centres{{55, 55}}));
+  EXPECT_EQ(picks(dir, c, p), kept);
   // Shrink 2: raw position (110, 110), limit 800.
   p.shrink = 2.0f;
   p.excluded = dir / "m_excluded.star";
-  put_file(p.excluded, std::string(kStarHead) + "130 130 0 0 1\n");
-  EXPECT_EQ(filter(dir, c, 1, p), std::string(kStarHead) + "110     110     0.000000\t0       0.500000\n");
-  put_file(p.excluded, std::string(kStarHead) + "130 129 0 0 1\n");
+  put_file(p.excluded, kStarHead + "130 130 0 0 1\n");
+  EXPECT_EQ(filter(dir, c, 1, p), kStarHead + star_line(110, 110, 0.5f));
+  put_file(p.excluded, kStarHead + "130 129 0 0 1\n");
   EXPECT_EQ(filter(dir, c, 1, p), kStarHead);
   // The origin shifts the candidate in the test: 110 + 10 against 140.
   p.origin = make_i2(10, 0);
-  put_file(p.excluded, std::string(kStarHead) + "140 130 0 0 1\n");
-  EXPECT_EQ(filter(dir, c, 1, p), std::string(kStarHead) + "120     110     0.000000\t0       0.500000\n");
-  put_file(p.excluded, std::string(kStarHead) + "140 129 0 0 1\n");
+  put_file(p.excluded, kStarHead + "140 130 0 0 1\n");
+  EXPECT_EQ(filter(dir, c, 1, p), kStarHead + star_line(120, 110, 0.5f));
+  put_file(p.excluded, kStarHead + "140 129 0 0 1\n");
   EXPECT_EQ(filter(dir, c, 1, p), kStarHead);
 }
 
-TEST(BoxFilter, ExclusionListHoldsAtMostOneRecordPerCell) {
+TEST(BoxFilter, ExclusionListHoldsOneRecordPerCellAndMayBeMissing) {
   ZkTmpDir dir;
   Params p;
   p.nx = p.ny = 30;  // 3 by 3 cells, one inner cell
   p.excluded = dir / "m_excluded.box";
-  std::vector<Cand> c = {{15, 15, 0.5f, 0, 0}};
+  const std::vector<Cand> c = {{15, 15, 0.5f, 0, 0}};
   std::string far;
   for (int i = 0; i < 9; ++i) far += "1000 1000 0 0\n";
   put_file(p.excluded, far + "15 15 0 0\n");  // the tenth record is not read
-  EXPECT_EQ(centres(filter(dir, c, 2, p)), (Centres{{15, 15}}));
+  EXPECT_EQ(picks(dir, c, p), (Centres{{15, 15}}));
   far.resize(far.size() - 14);  // eight far records and the near one
   put_file(p.excluded, far + "15 15 0 0\n");
   EXPECT_EQ(filter(dir, c, 2, p), "");
-}
-
-TEST(BoxFilter, MissingExclusionFileWarnsAndFilteringGoesOn) {
-  ZkTmpDir dir;
-  Params p;
+  // A missing list is reported and filtering goes on.
   p.excluded = dir / "absent.box";
   testing::internal::CaptureStdout();
-  std::string out = filter(dir, {{55, 55, 0.5f, 0, 0}}, 2, p);
+  Centres got = picks(dir, c, p);
   std::string said = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(centres(out), (Centres{{55, 55}}));
+  EXPECT_EQ(got, (Centres{{15, 15}}));
   EXPECT_NE(said.find("the file " + p.excluded + " does NOT exist! Automatically ignored!"), std::string::npos);
 }
 
@@ -255,8 +244,7 @@ TEST(BoxFilter, EdgeTestDropsBoxesThatTouchTheBorder) {
   p.shrink = 2.0f;
   p.box = 40;
   EXPECT_EQ(filter(dir, {{10, 55, 0.5f, 0, 0}}, 1, p), kStarHead);
-  EXPECT_EQ(filter(dir, {{11, 55, 0.5f, 0, 0}}, 1, p),
-            std::string(kStarHead) + "22      110     0.000000\t0       0.500000\n");
+  EXPECT_EQ(filter(dir, {{11, 55, 0.5f, 0, 0}}, 1, p), kStarHead + star_line(22, 110, 0.5f));
 }
 
 TEST(BoxFilter, RectangularMicrographNeverGivesCoordinatesBeyondItsSize) {
@@ -277,8 +265,7 @@ TEST(BoxFilter, RectangularMicrographNeverGivesCoordinatesBeyondItsSize) {
       seed = seed * 1103515245u + 12345u;
       c.push_back({x, y, 0.05f + (float)((seed >> 8) % 1000) / 1000.0f, (int)(seed % 3), 0});
     }
-  std::string out = filter(dir, c, 2, p);
-  std::vector<std::pair<int, int>> v = centres(out, 396);
+  Centres v = picks(dir, c, p);
   ASSERT_GT(v.size(), 50u);
   for (auto& q : v) {
     EXPECT_GT(q.first - 198, 0);
@@ -291,101 +278,69 @@ TEST(BoxFilter, RectangularMicrographNeverGivesCoordinatesBeyondItsSize) {
   for (size_t i = 1; i < v.size(); ++i) EXPECT_GE(v[i].second / 168, v[i - 1].second / 168);
 }
 
-TEST(BoxFilter, EmptyRawFileAndShortLines) {
+TEST(BoxFilter, EmptyShortAndHostileRawLines) {
   ZkTmpDir dir;
   EXPECT_EQ(filter(dir, {}, 2), "");
   EXPECT_TRUE(zk_exists(dir / "m_zavik.box"));
   EXPECT_EQ(filter(dir, {}, 1), kStarHead);
-  // Lines of fewer than seven words are no candidates; blank lines neither.
-  put_file(dir / "m_nonunique.box", "50      50      10      10      0.900000\t0\n\n   \n1 2\n");
-  FILE* f = fopen((dir / "m_nonunique.box").c_str(), "a");
-  write_nonunique_line(f, 20, 20, 10, 10, 0.3f, 1, 5.0f);
-  fclose(f);
-  box_filter(100, 100, 14.2f, 0.1f, 1.0f, 4, 4, make_i2(0, 0), (dir / "m_nonunique.box").c_str(), "NULL",
-             (dir / "m.box").c_str(), 2);
-  EXPECT_EQ(zk_slurp(dir / "m.box"), "23      23      4       4       0.300000\t1       5.000000\n");
+  // Lines of fewer than seven words and blank lines are no candidates; an
+  // overlong line counts once, by its first 1023 characters.
+  std::string raw = "50      50      10      10      0.900000\t0\n\n   \n1 2\n";
+  raw += "30      30      10      10      0.500000\t0       \t0.000   \n";
+  raw += "60 60 10 10 0.4 1 7" + std::string(1100, ' ') + "9 9 9 9 9 9 9\n";
+  raw += "a b c d e f g\n";                                           // all zero: score 0
+  raw += "99999999999 99999999999 2147483647 2147483647 1e30 5 1\n";  // far beyond the grid
+  raw += "-50 -50 10 10 0.9 0 0\n";                                   // negative centre
+  raw += "50 50 10 10 nan 0 0\n";                                     // no score
+  raw += std::string("\xff\xfe 1 2 3 4 5 6\n") + std::string("40 40\0 10 10 0.9 0 0\n", 21);
+  put_file(dir / "m_nonunique.box", raw);
+  EXPECT_EQ(filter(dir, {}, 2), "33      33      4       4       0.500000\t0       0.000000\n"
+                                "63      63      4       4       0.400000\t1       7.000000\n");
 }
 
-TEST(BoxFilter, SecondCallForTheStarFileGivesTheSameParticlesAndReplacesOldFiles) {
+TEST(BoxFilter, BothFormsGiveTheSameParticlesAndReplaceOldFiles) {
   ZkTmpDir dir;
   put_file(dir / "m_zavik.box", "old content\n");
   put_file(dir / "m_zavik.star", "old content\n");
+  // (27, 28) loses to (25, 25) in its cell, (44, 71) to (52, 74) next door;
+  // shrink 3 and an odd box of 21 (corner 10 below the centre).
   std::vector<Cand> c = {{25, 25, 0.7f, 1, 10}, {27, 28, 0.6f, 0, 20}, {63, 42, 0.9f, 2, 30},
                          {44, 71, 0.4f, 0, 40}, {52, 74, 0.45f, 1, 50}, {80, 80, 0.3f, 0, 60}};
   Params p;
   p.shrink = 3.0f;
   p.box = 21;
-  std::string box = filter(dir, c, 2, p);
-  std::string star = filter(dir, c, 1, p);
-  PTCL_BOX b[16], s[16];
-  int nb = read_all_ptcl_boxes(b, 16, (dir / "m_zavik.box").c_str());
-  int ns = read_all_ptcl_boxes(s, 16, (dir / "m_zavik.star").c_str());
-  ASSERT_EQ(nb, 4);  // (27, 28) loses to (25, 25); (44, 71) to (52, 74)
-  ASSERT_EQ(ns, nb);
-  for (int i = 0; i < nb; ++i) {
-    EXPECT_EQ(b[i].x + b[i].w / 2, s[i].x);
-    EXPECT_EQ(b[i].y + b[i].h / 2, s[i].y);
-    EXPECT_EQ(b[i].class_number, s[i].class_number);
-    EXPECT_FLOAT_EQ(b[i].cc, s[i].cc);
-    EXPECT_FLOAT_EQ(b[i].psi, s[i].psi);
-  }
-  EXPECT_EQ(s[0].x, 75);
-  EXPECT_EQ(s[1].x, 189);
-  EXPECT_EQ(s[2].y, 222);
-  EXPECT_EQ(s[3].x, 240);
+  EXPECT_EQ(filter(dir, c, 2, p),
+            "65      65      21      21      0.700000\t1       10.000000\n"
+            "179     116     21      21      0.900000\t2       30.000000\n"
+            "146     212     21      21      0.450000\t1       50.000000\n"
+            "230     230     21      21      0.300000\t0       60.000000\n");
+  EXPECT_EQ(filter(dir, c, 1, p), kStarHead +
+                                      "75      75      10.000000\t1       0.700000\n"
+                                      "189     126     30.000000\t2       0.900000\n"
+                                      "156     222     50.000000\t1       0.450000\n"
+                                      "240     240     60.000000\t0       0.300000\n");
   // No temporary file stays beside the outputs.
-  DIR* d = opendir(dir.path.c_str());
-  int entries = 0;
-  while (dirent* e = readdir(d))
-    if (e->d_name[0] != '.') ++entries;
-  closedir(d);
-  EXPECT_EQ(entries, 3);
+  std::string ls;
+  zk_run("ls -A '" + dir.path + "'", &ls);
+  EXPECT_EQ(ls, "m_nonunique.box\nm_zavik.box\nm_zavik.star\n");
 }
 
 TEST(BoxFilter, FailuresEndTheRunAndLeaveOldResultsInPlace) {
   ZkTmpDir dir;
   put_file(dir / "m_zavik.box", "old\n");
   const std::string raw = dir / "m_nonunique.box", out = dir / "m_zavik.box";
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        box_filter(100, 100, 14.2f, 0.1f, 1, 4, 4, make_i2(0, 0), raw.c_str(), "NULL", out.c_str(), 2);
-      },
-      ::testing::ExitedWithCode(1), "Cannot open file .*m_nonunique.box. Permission denied or wrong file name.\n"
-                                    "Error in function box_filter.*open file failed.! Exit now!");
+  EXPECT_DIES("Cannot open file .*m_nonunique.box. Permission denied or wrong file name.\n"
+              "Error in function box_filter.*open file failed.! Exit now!",
+              box_filter(100, 100, 14.2f, 0.1f, 1, 4, 4, make_i2(0, 0), raw.c_str(), "NULL", out.c_str(), 2));
   EXPECT_EQ(zk_slurp(out), "old\n");
   write_raw(raw, {{55, 55, 0.5f, 0, 0}});
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        box_filter(100, 100, 14.2f, 0.1f, 1, 4, 4, make_i2(0, 0), raw.c_str(), "NULL", "/nonexistent_zk/m.box", 2);
-      },
-      ::testing::ExitedWithCode(1), "Cannot write to file /nonexistent_zk/m.box. Permission denied or no space left!");
+  EXPECT_DIES("Cannot write to file /nonexistent_zk/m.box. Permission denied or no space left!",
+              box_filter(100, 100, 14.2f, 0.1f, 1, 4, 4, make_i2(0, 0), raw.c_str(), "NULL", "/nonexistent_zk/m.box", 2));
   // A minimum distance that gives a cell below one pixel.
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        box_filter(100, 100, 1.4f, 0.1f, 1, 4, 4, make_i2(0, 0), raw.c_str(), "NULL", out.c_str(), 2);
-      },
-      ::testing::ExitedWithCode(1), "grid cell of less than 1 pixel. Use a larger --min_dist.\n"
-                                    "Error in function box_filter.*grid cell below 1 pixel! Exit now!");
+  EXPECT_DIES("grid cell of less than 1 pixel. Use a larger --min_dist.\n"
+              "Error in function box_filter.*grid cell below 1 pixel! Exit now!",
+              box_filter(100, 100, 1.4f, 0.1f, 1, 4, 4, make_i2(0, 0), raw.c_str(), "NULL", out.c_str(), 2));
   EXPECT_EQ(zk_slurp(out), "old\n");
   // 1.5 gives a cell of exactly 1: a working grid.
   EXPECT_EQ(box_filter(100, 100, 1.5f, 0.1f, 1, 4, 4, make_i2(0, 0), raw.c_str(), "NULL", out.c_str(), 2), 0);
-}
-
-TEST(BoxFilter, HostileRawLinesNeverTakeACellWrongly) {
-  ZkTmpDir dir;
-  std::string raw = "30      30      10      10      0.500000\t0       \t0.000   \n";
-  // An overlong line counts once, by its first 1023 characters.
-  raw += "60 60 10 10 0.4 1 7" + std::string(1100, ' ') + "9 9 9 9 9 9 9\n";
-  raw += "a b c d e f g\n";                                                // all zero: score 0
-  raw += "99999999999 99999999999 2147483647 2147483647 1e30 5 1\n";       // far beyond the grid
-  raw += "-50 -50 10 10 0.9 0 0\n";                                        // negative centre
-  raw += "50 50 10 10 nan 0 0\n";                                          // no score
-  raw += std::string("\xff\xfe 1 2 3 4 5 6\n") + std::string("40 40\0 10 10 0.9 0 0\n", 21);
-  put_file(dir / "m_nonunique.box", raw);
-  box_filter(100, 100, 14.2f, 0.1f, 1.0f, 4, 4, make_i2(0, 0), (dir / "m_nonunique.box").c_str(), "NULL",
-             (dir / "m.box").c_str(), 2);
-  EXPECT_EQ(centres(zk_slurp(dir / "m.box")), (Centres{{35, 35}, {65, 65}}));
 }
