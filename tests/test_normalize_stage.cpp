@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -161,7 +162,7 @@ TEST_P(NormalizeStage, OutputFilesUnderTheirFlags) {
   for (float v : mask) msum += v;
   EXPECT_GT(msum, 0.5 * L * L);
   EXPECT_LT(msum, (double)L * L);
-  EXPECT_EQ(s.run.all_rejected, 0);
+  EXPECT_EQ(s.run.no_picks, 0);
 
   // "_bgfree.mrc": the final image, mean 0 and deviation 1 under the mask;
   // the rejected pixels keep their scaled values.
@@ -250,7 +251,7 @@ TEST_P(NormalizeStage, EveryCellRejected) {
                       " is rejected by ice detection or exclusion; no particles will be picked from it.\n"),
             std::string::npos)
       << said;
-  EXPECT_EQ(s.run.all_rejected, 1);
+  EXPECT_EQ(s.run.no_picks, 1);
   for (float v : from_dev(s.run.d_mask, s.LL())) ASSERT_EQ(v, 0.0f);
   std::vector<float> img = from_dev(s.run.d_mic, s.LL());
   for (float v : img) ASSERT_TRUE(std::isfinite(v));
@@ -259,7 +260,35 @@ TEST_P(NormalizeStage, EveryCellRejected) {
   strlcpy(s.para.global_excluded_box, "NULL");
   const std::string again = s.normalize();
   EXPECT_EQ(again.find("Warning: every grid cell"), std::string::npos);
-  EXPECT_EQ(s.run.all_rejected, 0);
+  EXPECT_EQ(s.run.no_picks, 0);
+}
+
+// A NaN or infinite sample, or a micrograph without contrast, would make every
+// score NaN: the stage says so and marks the micrograph, which is then not
+// searched; a sound micrograph after it is searched again.
+TEST_P(NormalizeStage, NotFiniteImageIsNotSearched) {
+  ZkTmpDir dir;
+  const std::string mic = make_synth(dir);
+  StageRun s(mic, {"--apixM", "2", "--diameter", "150"});
+  const size_t n = (size_t)s.run.Nx * s.run.Ny;
+  const std::vector<float> raw(s.run.h_raw, s.run.h_raw + n);
+
+  s.run.h_raw[1000] = NAN;
+  s.run.h_raw[n - 1] = -INFINITY;
+  s.run.h_raw[n / 2] = INFINITY;
+  EXPECT_EQ(s.normalize(), "Warning: micrograph " + mic +
+                               " holds NaN or infinite samples (3 of them); no particles will be picked from it.\n");
+  EXPECT_EQ(s.run.no_picks, 1);
+
+  std::fill(s.run.h_raw, s.run.h_raw + n, 3.5f);
+  EXPECT_EQ(s.normalize(), "Warning: micrograph " + mic +
+                               " has no contrast that can be normalised (constant or out-of-range samples); no "
+                               "particles will be picked from it.\n");
+  EXPECT_EQ(s.run.no_picks, 1);
+
+  std::copy(raw.begin(), raw.end(), s.run.h_raw);
+  EXPECT_EQ(s.normalize(), "");
+  EXPECT_EQ(s.run.no_picks, 0);
 }
 
 // PREPARATION: each template normalised by its type on a copy, then all of

@@ -239,3 +239,36 @@ TEST(PickEndToEnd, AFullDiskEndsTheRunWithoutAResult) {
   EXPECT_FALSE(zk_exists(dir / "f_zavik.box"));
   EXPECT_FALSE(zk_exists(dir / "f_zavik.star"));
 }
+
+// A micrograph with NaN samples (a broken motion correction, say) gives empty
+// results and a warning; the run goes on, and the next micrograph's results
+// are those of a run without it.
+TEST(PickEndToEnd, AMicrographWithNaNSamplesGivesEmptyResultsAndTheRunGoesOn) {
+  ZkTmpDir dir;
+  const std::string bad = dir / "bad.mrc", good = dir / "good.mrc", alone = dir / "alone";
+  ASSERT_EQ(synth("--out " + bad + " --nx 512 --ny 512 --apix 2 --diameter 150 --noise 0.5 --mode 2 --seed 3"), 0);
+  ASSERT_EQ(synth("--out " + good + " --nx 512 --ny 512 --apix 2 --diameter 150 --noise 0.5 --seed 4"), 0);
+  ASSERT_EQ(mkdir(alone.c_str(), 0755), 0);
+  ASSERT_EQ(system(("cp " + good + " " + alone + "/good.mrc").c_str()), 0);
+  // A stripe of NaN floats in the first rows of samples (after the 1024-byte head).
+  FILE* fp = fopen(bad.c_str(), "r+b");
+  ASSERT_NE(fp, nullptr);
+  const std::vector<float> stripe(3000, NAN);
+  fseek(fp, 1024 + 4 * 10000, SEEK_SET);
+  ASSERT_EQ(fwrite(stripe.data(), sizeof(float), stripe.size(), fp), stripe.size());
+  fclose(fp);
+
+  std::string out;
+  ASSERT_EQ(pick("--apixM 2 --diameter 150 " + bad + " " + good, &out), 0) << out;
+  EXPECT_NE(out.find("Warning: micrograph " + bad + " holds NaN or infinite samples (3000 of them)"),
+            std::string::npos)
+      << out;
+  EXPECT_TRUE(zk_exists(dir / "bad_zavik.box"));
+  EXPECT_EQ(zk_slurp(dir / "bad_zavik.box"), "");
+  EXPECT_TRUE(read_centres(dir / "bad_zavik.star", true).empty());
+
+  ASSERT_EQ(pick("--apixM 2 --diameter 150 " + alone + "/good.mrc", &out), 0) << out;
+  EXPECT_GT(read_centres(dir / "good_zavik.box", false).size(), 3u);
+  EXPECT_EQ(zk_slurp(dir / "good_zavik.box"), zk_slurp(alone + "/good_zavik.box"));
+  EXPECT_EQ(zk_slurp(dir / "good_zavik.star"), zk_slurp(alone + "/good_zavik.star"));
+}

@@ -70,10 +70,12 @@ struct ZkRun {
   FILE* fp_mic;        // open from reading to the end of picking
   FILE* fp_nonunique;  // raw candidates, open through the template loop
 
-  // Set by NORMALIZATION when every grid cell of the current micrograph is
-  // rejected (the mask sums to 0): the masked statistics do not exist, so the
-  // micrograph is not searched and its results are empty.
-  int all_rejected;
+  // Set by NORMALIZATION, with a warning, when the current micrograph has no
+  // score to search: every grid cell is rejected (the mask sums to 0, so the
+  // masked statistics do not exist), or the normalised image is not finite
+  // (NaN or infinite samples, or no contrast).  The micrograph is not
+  // searched and its results are empty.
+  int no_picks;
 };
 
 // Geometry from head_first and the parameters (not G, Gx, Gy).
@@ -90,7 +92,7 @@ void zavik_stage_load_templates(ZkRun* run);
 void zavik_stage_upload_templates(ZkRun* run);
 // Shrink, pre-filter, normalise, detect ice, exclude, band-pass, mask: d_mic,
 // d_ice and d_mask of the current micrograph mic, their diagnostic images, and
-// all_rejected.
+// no_picks.
 void zavik_stage_normalize(ZkRun* run, const char* mic);
 // The run's search: made once after the templates are on the device.
 void zavik_stage_prepare_search(ZkRun* run);

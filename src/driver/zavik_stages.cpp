@@ -1,4 +1,5 @@
 // The stages of a micrograph's road that the driver calls in their places.
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 
@@ -58,12 +59,22 @@ void zavik_stage_upload_templates(ZkRun* run) {
   if (!para->dont_invertT) hcuda_invert_inplace(run->d_T, (size_t)run->Nt * TT);
 }
 
+namespace {
+
+size_t count_not_finite(const float* v, size_t n) {
+  size_t bad = 0;
+  for (size_t i = 0; i < n; ++i) bad += std::isfinite(v[i]) ? 0 : 1;
+  return bad;
+}
+
+}  // namespace
+
 void zavik_stage_normalize(ZkRun* run, const char* mic) {
   const Zavik_Para* para = run->para;
   const int L = run->L, G = run->G, shrink = para->shrink;
   const size_t LL = (size_t)L * L;
   const float apix_s = (float)shrink * para->apixM;
-  run->all_rejected = 0;
+  run->no_picks = 0;
 
   cpu_2d_meanshrink_extended_even_square(run->h_shrunk, run->h_raw, run->Nx, run->Ny, shrink);
   ZK_CHECK(memcpy_H2D(run->d_mic, run->h_shrunk, LL * sizeof(float)));
@@ -105,9 +116,25 @@ void zavik_stage_normalize(ZkRun* run, const char* mic) {
     printf("Warning: every grid cell of micrograph %s is rejected by ice detection or exclusion; no particles will "
            "be picked from it.\n",
            mic);
-    run->all_rejected = 1;
+    run->no_picks = 1;
   } else {
     hcuda_norm_withmask_inplace(run->d_mic, run->d_mask, LL, 1.0f, 0.0f);
+    // One NaN or infinite sample spreads over the whole image through the
+    // transforms, and an image without contrast divides 0 by 0: either way
+    // every score would be NaN and the micrograph would give no particle
+    // without a word.
+    if (!std::isfinite(hcuda_fast_sum(run->d_mic, LL))) {
+      const size_t bad = count_not_finite(run->h_raw, (size_t)run->Nx * run->Ny);
+      if (bad > 0)
+        printf("Warning: micrograph %s holds NaN or infinite samples (%zu of them); no particles will be picked from "
+               "it.\n",
+               mic, bad);
+      else
+        printf("Warning: micrograph %s has no contrast that can be normalised (constant or out-of-range samples); no "
+               "particles will be picked from it.\n",
+               mic);
+      run->no_picks = 1;
+    }
   }
   if (para->write_bgfree_mic) mrcf_write_xyz_ddata(run->bgfree_name, run->d_mic, L, L, 1);
 }
@@ -126,14 +153,14 @@ void zavik_stage_finish_search(ZkRun* run) {
 }
 
 void zavik_stage_begin_picking(ZkRun* run) {
-  if (run->bank && !run->all_rejected) zavik_search_bank_set_micrograph(run->bank, run->d_mic, run->d_mask);
+  if (run->bank && !run->no_picks) zavik_search_bank_set_micrograph(run->bank, run->d_mic, run->d_mask);
 }
 
 void zavik_stage_search_template(ZkRun* run, int t) {
   const Zavik_Para* para = run->para;
   const int L = run->L;
   const size_t LL = (size_t)L * L, TT = (size_t)run->Tx * run->Ty;
-  if (run->all_rejected) {
+  if (run->no_picks) {
     // No free cell, so no score: nothing is searched and no candidate written.
     if (para->write_ccmax_mic) memset(run->h_ccmax_stack + t * LL, 0, LL * sizeof(float));
     return;
