@@ -4,6 +4,7 @@
 #pragma once
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -43,4 +44,29 @@ std::vector<T> from_dev(const T* d, size_t n) {
   std::vector<T> h(n);
   memcpy_D2H(h.data(), d, n * sizeof(T));
   return h;
+}
+
+// Device buffers of one test, freed together when it ends.
+struct Dev {
+  std::vector<void*> held;
+  ~Dev() {
+    for (void* p : held) device_free(p);
+  }
+  template <class T>
+  T* keep(T* p) {
+    held.push_back(p);
+    return p;
+  }
+  template <class T>
+  T* put(const std::vector<T>& h) {
+    return keep(to_dev(h));
+  }
+  float* f(size_t n) { return keep(d_alloc_float(n)); }
+  float2* c(size_t n) { return keep(d_alloc_float2(n)); }
+};
+
+// Equal bit for bit (a NaN equals the same NaN; 0 and -0 differ).
+template <class T>
+bool same_bits(const std::vector<T>& a, const std::vector<T>& b) {
+  return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
 }

@@ -57,30 +57,6 @@ void expect_near_all(const std::vector<float>& got, const std::vector<float>& wa
   for (size_t i = 0; i < got.size(); ++i) ASSERT_NEAR(got[i], want[i] * scale, tol) << i;
 }
 
-// Device buffers of one test, freed together when it ends.
-struct Dev {
-  std::vector<void*> held;
-  ~Dev() {
-    for (void* p : held) device_free(p);
-  }
-  template <class T>
-  T* keep(T* p) {
-    held.push_back(p);
-    return p;
-  }
-  template <class T>
-  T* put(const std::vector<T>& h) {
-    return keep(to_dev(h));
-  }
-  float* f(size_t n) { return keep(d_alloc_float(n)); }
-  float2* c(size_t n) { return keep(d_alloc_float2(n)); }
-};
-
-template <class T>
-bool same_bits(const std::vector<T>& a, const std::vector<T>& b) {
-  return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
-}
-
 }  // namespace
 
 class Fft : public BackendTest {};

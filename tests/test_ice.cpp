@@ -26,10 +26,6 @@ std::vector<float> noise_image(int nx, int ny, unsigned seed, float sd) {
 }
 
 
-bool bits_equal(const std::vector<float>& a, const std::vector<float>& b) {
-  return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
-}
-
 // The local mean written out naively in double: the device disc of radius R
 // and soft width s centred on ((P - 1)/2) of the period P, correlated with
 // the periodic image (mirror-padded or not), zero lag moved to P/2, divided by
@@ -117,9 +113,9 @@ TEST_P(LocalStats, LocalMeanAgainstNaiveCorrelation) {
     (pad ? hcuda_2d_bg_mpad_inplace : hcuda_2d_bg_inplace)(d_in, nx, ny, 2.5f, 3.0f);
     (pad ? hcuda_2d_local_ave_softR_mpad : hcuda_2d_local_ave_softR)(d_out, d_in2, nx, ny, 2.5f, 3.0f);
     (pad ? gpu_2d_bg_mpad : gpu_2d_bg)(staged.data(), img.data(), nx, ny, 2.5f, 3.0f);
-    EXPECT_TRUE(bits_equal(from_dev(d_in, n), got));
-    EXPECT_TRUE(bits_equal(from_dev(d_out, n), got));
-    EXPECT_TRUE(bits_equal(staged, got));
+    EXPECT_TRUE(same_bits(from_dev(d_in, n), got));
+    EXPECT_TRUE(same_bits(from_dev(d_out, n), got));
+    EXPECT_TRUE(same_bits(staged, got));
     for (float* d : {d_in, d_in2, d_out}) device_free(d);
   }
   // A disc wider than the padded image wraps around the period.
@@ -165,9 +161,9 @@ TEST_P(LocalStats, KeptDiscsGiveTheSameBits) {
   for (int k = 0; k < 7; ++k) {
     zk_local_disc_cache_clear();
     gpu_2d_bg_mpad(fresh[k].data(), img.data(), n, n, radii[k], 3.0f);
-    EXPECT_TRUE(bits_equal(kept[k], fresh[k])) << k;
+    EXPECT_TRUE(same_bits(kept[k], fresh[k])) << k;
   }
-  EXPECT_FALSE(bits_equal(kept[0], kept[1]));
+  EXPECT_FALSE(same_bits(kept[0], kept[1]));
 }
 
 ZK_BACKEND_SUITE(LocalStats);
@@ -253,7 +249,7 @@ TEST_P(IceCells, StageRejectsTheRightCellsAndWritesItsFiles) {
   hcuda_empty(d_ice, G * G * sizeof(unsigned int));
   EXPECT_EQ(hcuda_2d_ice_detect(d_mic, L, L, make_i2(0, 0), d_ice, mic.c_str(), &ip.p), 0);
   std::vector<unsigned int> ice = from_dev(d_ice, G * G);
-  EXPECT_TRUE(bits_equal(from_dev(d_mic, img.size()), img)) << "the image is not changed";
+  EXPECT_TRUE(same_bits(from_dev(d_mic, img.size()), img)) << "the image is not changed";
 
   for (int c = 0; c < G * G; ++c) {
     const int cx = c % G, cy = c / G;
@@ -272,7 +268,7 @@ TEST_P(IceCells, StageRejectsTheRightCellsAndWritesItsFiles) {
   std::vector<float> bgmap((size_t)L * L), want_bg((size_t)L * L);
   mrcf_read_all(bg.c_str(), bgmap.data());
   gpu_2d_local_ave_softR_mpad(want_bg.data(), img.data(), L, L, 3.0f, 3.0f);
-  EXPECT_TRUE(bits_equal(bgmap, want_bg));
+  EXPECT_TRUE(same_bits(bgmap, want_bg));
   std::vector<float> sigmap((size_t)L * L);
   gpu_2d_local_sigma_softR_mpad(sigmap.data(), img.data(), L, L, 3.0f, 3.0f);
 

@@ -62,10 +62,6 @@ double radius(int kx, int ky, int N) {
 }
 double guas(double x, double s) { return 0.39894229 * std::exp(-x * x / (2.0 * s * s)); }
 
-bool bits_equal(const std::vector<float>& a, const std::vector<float>& b) {
-  return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
-}
-
 }  // namespace
 
 class BandPass : public BackendTest {};
@@ -132,7 +128,7 @@ TEST_P(BandPass, OrderOfTheLimitsDoesNotMatter) {
     };
   };
   auto ab = run(40.0f, 6.0f), ba = run(6.0f, 40.0f);
-  for (size_t k = 0; k < ab.size(); ++k) EXPECT_TRUE(bits_equal(ab[k], ba[k])) << "filter " << k;
+  for (size_t k = 0; k < ab.size(); ++k) EXPECT_TRUE(same_bits(ab[k], ba[k])) << "filter " << k;
 }
 
 TEST_P(BandPass, NoSoftWidthIsTheHardBand) {
@@ -142,17 +138,17 @@ TEST_P(BandPass, NoSoftWidthIsTheHardBand) {
       filtered(img, n, [](float* d, int m) { hcuda_2d_bandpass_sharp_inplace(d, m, 1.0f, 30.0f, 4.0f); });
   std::vector<float> soft0 =
       filtered(img, n, [](float* d, int m) { hcuda_2d_bandpass_softR_inplace(d, m, 1.0f, 30.0f, 4.0f, 0.0f); });
-  EXPECT_TRUE(bits_equal(hard, soft0));
+  EXPECT_TRUE(same_bits(hard, soft0));
   // The staged soft form takes the hard band below one pixel of width.
   std::vector<float> g_soft = img, g_hard = img;
   gpu_2d_bandpass_softR_inplace(g_soft.data(), n, 1.0f, 30.0f, 4.0f, 0.5f);
   gpu_2d_bandpass_sharp_inplace(g_hard.data(), n, 1.0f, 30.0f, 4.0f);
-  EXPECT_TRUE(bits_equal(g_soft, g_hard));
-  EXPECT_TRUE(bits_equal(g_hard, hard));
+  EXPECT_TRUE(same_bits(g_soft, g_hard));
+  EXPECT_TRUE(same_bits(g_hard, hard));
   // A width of one pixel or more is the soft curve.
   std::vector<float> g_soft1 = img;
   gpu_2d_bandpass_softR_inplace(g_soft1.data(), n, 1.0f, 30.0f, 4.0f, 1.0f);
-  EXPECT_FALSE(bits_equal(g_soft1, g_hard));
+  EXPECT_FALSE(same_bits(g_soft1, g_hard));
 }
 
 // The padded forms are the plain filter of the mirror-padded image (N = 2n,
@@ -180,22 +176,22 @@ TEST_P(BandPass, PaddedFormsFilterTheMirrorPaddedImage) {
       filtered(img, n, [](float* d, int m) { hcuda_2d_bandpass_guas_mpad_inplace(d, m, 2.0f, 10.0f, 60.0f); });
   std::vector<float> s_pad = filtered(
       img, n, [](float* d, int m) { hcuda_2d_bandpass_softR_mpad_inplace(d, m, 2.0f, 4.0f, 60.0f, 8.0f); });
-  EXPECT_TRUE(bits_equal(g_pad, g_ref));
-  EXPECT_TRUE(bits_equal(s_pad, s_ref));
+  EXPECT_TRUE(same_bits(g_pad, g_ref));
+  EXPECT_TRUE(same_bits(s_pad, s_ref));
 
   // Out of place, and the staged forms, give the same bits.
   float* d_in = to_dev(img);
   float* d_out = d_alloc_float(img.size());
   hcuda_2d_bandpass_guas_mpad(d_in, d_out, n, 2.0f, 10.0f, 60.0f);
-  EXPECT_TRUE(bits_equal(from_dev(d_out, img.size()), g_pad));
-  EXPECT_TRUE(bits_equal(from_dev(d_in, img.size()), img));
+  EXPECT_TRUE(same_bits(from_dev(d_out, img.size()), g_pad));
+  EXPECT_TRUE(same_bits(from_dev(d_in, img.size()), img));
   device_free(d_in);
   device_free(d_out);
   std::vector<float> staged(img.size());
   gpu_2d_bandpass_guas_mpad(img.data(), staged.data(), n, 2.0f, 10.0f, 60.0f);
-  EXPECT_TRUE(bits_equal(staged, g_pad));
+  EXPECT_TRUE(same_bits(staged, g_pad));
   gpu_2d_bandpass_guas_mpad_inplace(img.data(), n, 2.0f, 10.0f, 60.0f);
-  EXPECT_TRUE(bits_equal(img, g_pad));
+  EXPECT_TRUE(same_bits(img, g_pad));
 }
 
 TEST_P(BandPass, FileCommandFiltersTheFirstImage) {
@@ -218,9 +214,9 @@ TEST_P(BandPass, FileCommandFiltersTheFirstImage) {
     if (type == 2) gpu_2d_bandpass_softR_inplace(want.data(), n, 2.0f, 8.0f, 50.0f, 4.0f);
     if (type == 3) gpu_2d_bandpass_sharp_inplace(want.data(), n, 2.0f, 8.0f, 50.0f);
     if (type == 4) gpu_2d_bandpass_guas_mpad_inplace(want.data(), n, 2.0f, 8.0f, 50.0f);
-    EXPECT_TRUE(bits_equal(std::vector<float>(got.begin(), got.begin() + n * n), want)) << "type " << type;
+    EXPECT_TRUE(same_bits(std::vector<float>(got.begin(), got.begin() + n * n), want)) << "type " << type;
     // The second image is carried over untouched.
-    EXPECT_TRUE(bits_equal(std::vector<float>(got.begin() + n * n, got.end()),
+    EXPECT_TRUE(same_bits(std::vector<float>(got.begin() + n * n, got.end()),
                            std::vector<float>(stack.begin() + n * n, stack.end())))
         << "type " << type;
   }

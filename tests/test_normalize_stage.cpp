@@ -41,10 +41,6 @@ std::vector<float> read_image(const std::string& name, int L) {
   return v;
 }
 
-bool bits_equal(const std::vector<float>& a, const std::vector<float>& b) {
-  return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
-}
-
 // A run prepared as the driver prepares it: parameters from a command line,
 // geometry from the micrograph, templates loaded and uploaded, the buffers
 // of NORMALIZATION allocated, slice 0 read.
@@ -151,13 +147,13 @@ TEST_P(NormalizeStage, OutputFilesUnderTheirFlags) {
   cpu_2d_meanshrink_extended_even_square(shrunk.data(), s.run.h_raw, 512, 480, 4);
   float* d = to_dev(shrunk);
   hcuda_2d_bandpass_softR_mpad_inplace(d, L, 8.0f, 16.0f, 1000.0f, 8.0f);
-  EXPECT_TRUE(bits_equal(read_image(dir / "m_pref.mrc", L), from_dev(d, shrunk.size())));
+  EXPECT_TRUE(same_bits(read_image(dir / "m_pref.mrc", L), from_dev(d, shrunk.size())));
   device_free(d);
 
   // "_mask.mrc": 0 in the rejected cells, 1 elsewhere; the contamination
   // rejects some cells, not all.
   std::vector<float> mask = read_image(dir / "m_mask.mrc", L);
-  EXPECT_TRUE(bits_equal(mask, mask_of(from_dev(s.run.d_ice, s.cells()), L, s.run.G, s.run.Gx)));
+  EXPECT_TRUE(same_bits(mask, mask_of(from_dev(s.run.d_ice, s.cells()), L, s.run.G, s.run.Gx)));
   double msum = 0;
   for (float v : mask) msum += v;
   EXPECT_GT(msum, 0.5 * L * L);
@@ -167,7 +163,7 @@ TEST_P(NormalizeStage, OutputFilesUnderTheirFlags) {
   // "_bgfree.mrc": the final image, mean 0 and deviation 1 under the mask;
   // the rejected pixels keep their scaled values.
   std::vector<float> bgfree = read_image(dir / "m_bgfree.mrc", L);
-  EXPECT_TRUE(bits_equal(bgfree, from_dev(s.run.d_mic, s.LL())));
+  EXPECT_TRUE(same_bits(bgfree, from_dev(s.run.d_mic, s.LL())));
   expect_normalised(bgfree, mask);
   size_t nonzero_rejected = 0;
   for (size_t i = 0; i < mask.size(); ++i) nonzero_rejected += mask[i] == 0.0f && bgfree[i] != 0.0f;
@@ -229,7 +225,7 @@ TEST_P(NormalizeStage, ExclusionEntersTheMask) {
     if (mask_excluded) want[7 * 13 + 6] = 64 + 75 * 128;
     EXPECT_EQ(ice, want) << "mask_excluded " << mask_excluded;
     std::vector<float> mask = from_dev(s.run.d_mask, s.LL());
-    EXPECT_TRUE(bits_equal(mask, mask_of(want, 128, 10, 13)));
+    EXPECT_TRUE(same_bits(mask, mask_of(want, 128, 10, 13)));
     expect_normalised(from_dev(s.run.d_mic, s.LL()), mask);
   }
 }
@@ -255,7 +251,7 @@ TEST_P(NormalizeStage, EveryCellRejected) {
   for (float v : from_dev(s.run.d_mask, s.LL())) ASSERT_EQ(v, 0.0f);
   std::vector<float> img = from_dev(s.run.d_mic, s.LL());
   for (float v : img) ASSERT_TRUE(std::isfinite(v));
-  EXPECT_TRUE(bits_equal(read_image(dir / "m_bgfree.mrc", s.run.L), img));
+  EXPECT_TRUE(same_bits(read_image(dir / "m_bgfree.mrc", s.run.L), img));
 
   strlcpy(s.para.global_excluded_box, "NULL");
   const std::string again = s.normalize();

@@ -21,25 +21,6 @@ std::vector<float> ramp_image(int nx, int ny, unsigned seed) {
   return v;
 }
 
-// Device buffers of one test, freed together when it ends.
-struct Dev {
-  std::vector<void*> held;
-  ~Dev() {
-    for (void* p : held) device_free(p);
-  }
-  template <class T>
-  T* keep(T* p) {
-    held.push_back(p);
-    return p;
-  }
-  template <class T>
-  T* put(const std::vector<T>& h) {
-    return keep(to_dev(h));
-  }
-  float* f(size_t n) { return keep(d_alloc_float(n)); }
-  float2* c(size_t n) { return keep(d_alloc_float2(n)); }
-};
-
 // out(x, y) must be in(src(x, y)).  A right-angle rotation is an index
 // permutation up to rounding of the sine and cosine: a source on the border
 // may round to just outside and read 0.

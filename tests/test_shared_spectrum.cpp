@@ -29,10 +29,6 @@ std::vector<float> test_image(int n) {
   return img;
 }
 
-bool same_bits(const std::vector<float>& a, const std::vector<float>& b) {
-  return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
-}
-
 TEST_P(SharedSpectrum, EveryConsumerMatchesItsOwnTransformBitForBit) {
   const int n = 96;
   const size_t nn = (size_t)n * n, nhalf = (size_t)(n + 1) * 2 * n;
