@@ -112,7 +112,7 @@ if [ "$RELION" = 1 ] && command -v relion_autopick >/dev/null 2>&1; then
   R_LOG=$(div "$WALL" "$N")
   printf "%-34s %7.3f s/mic  peak RSS %s MB\n" "relion_autopick, LoG" "$R_LOG" "$RSS"
   measure relion_autopick --i "$WORK/mics/*.mrc" --odir "$WORK/relion_ref/" --pickname autopick --angpix $APIX \
-    --ref "$WORK/templates.mrcs" --angpix_ref $APIX --ang 5 --particle_diameter $DIAM --shrink 0 --lowpass 20
+    --ref "$WORK/templates.mrcs" --angpix_ref $APIX --invert --ang 5 --particle_diameter $DIAM --shrink 0 --lowpass 20
   R_REF=$(div "$WALL" "$N")
   printf "%-34s %7.3f s/mic  peak RSS %s MB\n" "relion_autopick, 6 templates" "$R_REF" "$RSS"
   echo
