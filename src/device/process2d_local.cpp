@@ -91,31 +91,38 @@ void period_spectrum(float2* A, const float* in, int nx, int ny, bool pad) {
 // Correlation with the disc over a px by py period, zero lag moved to the
 // centre, divided by the disc's sum, from the image's spectrum A over that
 // period.  With pad the period is the mirror-padded image and the quadrant at
-// the origin is kept.  A is kept when keep is set, used up otherwise.
-void spectrum_mean(float* out, float2* A, bool keep, int nx, int ny, float R, float s, bool pad) {
+// the origin is kept.  The product with the disc goes to prod, which may be A
+// when A is not needed afterwards.
+void spectrum_mean(float* out, const float2* A, float2* prod, int nx, int ny, float R, float s, bool pad) {
   const int px = pad ? 2 * nx : nx, py = pad ? 2 * ny : ny;
   const ZkDisc& disc = get_disc(px, py, R, s);
-  const size_t n = (size_t)px * py, nhalf = (size_t)(px / 2 + 1) * py;
+  const size_t n = (size_t)px * py;
   float* work = d_alloc_float(n);
-  float2* B = keep ? d_alloc_float2(nhalf) : A;
   // The division by px*py is the scale of the transform pair.
-  hcuda_c2d_multconj_norm(A, disc.M, B, px / 2 + 1, py, (float)(px * py));
-  hcuda_2d_fft_c2r(B, work, px, py);
+  hcuda_c2d_multconj_norm(A, disc.M, prod, px / 2 + 1, py, (float)(px * py));
+  hcuda_2d_fft_c2r(prod, work, px, py);
   hcuda_2d_swap_ccf_inplace(work, px, py);
   hcuda_2d_divide_inplace(work, px, py, disc.W);
   if (pad)
     hcuda_2d_mirror_pad_inv(out, work, nx, ny);
   else
     ZK_CHECK(memcpy_D2D(out, work, n * sizeof(float)));
-  if (keep) device_free(B);
   device_free(work);
+}
+
+// The same from a spectrum that is kept for further use.
+void kept_spectrum_mean(float* out, const float2* A, int nx, int ny, float R, float s, bool pad) {
+  const int px = pad ? 2 * nx : nx, py = pad ? 2 * ny : ny;
+  float2* prod = d_alloc_float2((size_t)(px / 2 + 1) * py);
+  spectrum_mean(out, A, prod, nx, ny, R, s, pad);
+  device_free(prod);
 }
 
 void local_mean(float* out, const float* in, int nx, int ny, float R, float s, bool pad) {
   const int px = pad ? 2 * nx : nx, py = pad ? 2 * ny : ny;
   float2* A = d_alloc_float2((size_t)(px / 2 + 1) * py);
   period_spectrum(A, in, nx, ny, pad);
-  spectrum_mean(out, A, false, nx, ny, R, s, pad);
+  spectrum_mean(out, A, A, nx, ny, R, s, pad);
   device_free(A);
 }
 
@@ -123,7 +130,7 @@ void local_mean(float* out, const float* in, int nx, int ny, float R, float s, b
 void local_sigma(float* out, const float* in, const float2* A, int nx, int ny, float R, float s, bool pad) {
   float* t = d_alloc_float((size_t)nx * ny);
   if (A)
-    spectrum_mean(t, const_cast<float2*>(A), true, nx, ny, R, s, pad);
+    kept_spectrum_mean(t, A, nx, ny, R, s, pad);
   else
     local_mean(t, in, nx, ny, R, s, pad);
   hcuda_2d_sqr_inplace(t, nx, ny);
@@ -183,7 +190,7 @@ void hcuda_2d_local_sigma_softR_mpad(float* out, const float* in, int nx, int ny
 
 void hcuda_2d_mpad_fft_r2c(float2* out, const float* in, int nx, int ny) { period_spectrum(out, in, nx, ny, true); }
 void hcuda_2d_local_ave_softR_mpad_f(float* out, const float2* in_f, int nx, int ny, float R, float s) {
-  spectrum_mean(out, const_cast<float2*>(in_f), true, nx, ny, R, s, true);
+  kept_spectrum_mean(out, in_f, nx, ny, R, s, true);
 }
 void hcuda_2d_local_sigma_softR_mpad_f(float* out, const float* in, const float2* in_f, int nx, int ny, float R,
                                        float s) {

@@ -86,8 +86,6 @@ void zavik_stage_normalize(ZkRun* run, const char* mic) {
   if (para->write_pref_mic) mrcf_write_xyz_ddata(run->pref_name, run->d_mic, L, L, 1);
   hcuda_normz_inplace(run->d_mic, LL, 1.0f, 0.0f);
 
-  // Rejected cells: none left from the last micrograph, then ice, then the
-  // coordinates to keep clear of.
   // The spectrum of the mirror-padded image serves the two local means of the
   // ice test and the band-pass: one forward transform instead of three.
   float2* mic_f = nullptr;
@@ -95,6 +93,8 @@ void zavik_stage_normalize(ZkRun* run, const char* mic) {
     mic_f = d_alloc_float2((size_t)(L + 1) * 2 * L);
     hcuda_2d_mpad_fft_r2c(mic_f, run->d_mic, L, L);
   }
+  // Rejected cells: none left from the last micrograph, then ice, then the
+  // coordinates to keep clear of.
   hcuda_empty(run->d_ice, (size_t)run->Gx * run->Gy * sizeof(unsigned int));
   if (para->detect_ice) hcuda_2d_ice_detect(run->d_mic, mic_f, L, L, run->origin, run->d_ice, mic, para);
   if (para->mask_excluded && run->n_excluded > 0)
