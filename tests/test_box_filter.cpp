@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "formats/boxfile.h"
+#include "picking/box_filter.h"
 #include "test_util.h"
 
 // Most cases use min_dist 14.2 shrunk pixels: cell = trunc(1.41421354 · 14.2
@@ -83,9 +84,6 @@ std::string star_line(int x, int y, float cc) {
   snprintf(s, sizeof s, "%-8d%-8d0.000000\t0       %f\n", x, y, cc);
   return s;
 }
-
-#define EXPECT_DIES(regex, ...) \
-  EXPECT_EXIT({ ZK_STDOUT_TO_STDERR(); __VA_ARGS__; }, ::testing::ExitedWithCode(1), regex)
 
 }  // namespace
 
@@ -329,15 +327,15 @@ TEST(BoxFilter, FailuresEndTheRunAndLeaveOldResultsInPlace) {
   ZkTmpDir dir;
   put_file(dir / "m_zavik.box", "old\n");
   const std::string raw = dir / "m_nonunique.box", out = dir / "m_zavik.box";
-  EXPECT_DIES("Cannot open file .*m_nonunique.box. Permission denied or wrong file name.\n"
+  EXPECT_FAILS("Cannot open file .*m_nonunique.box. Permission denied or wrong file name.\n"
               "Error in function box_filter.*open file failed.! Exit now!",
               box_filter(100, 100, 14.2f, 0.1f, 1, 4, 4, make_i2(0, 0), raw.c_str(), "NULL", out.c_str(), 2));
   EXPECT_EQ(zk_slurp(out), "old\n");
   write_raw(raw, {{55, 55, 0.5f, 0, 0}});
-  EXPECT_DIES("Cannot write to file /nonexistent_zk/m.box. Permission denied or no space left!",
+  EXPECT_FAILS("Cannot write to file /nonexistent_zk/m.box. Permission denied or no space left!",
               box_filter(100, 100, 14.2f, 0.1f, 1, 4, 4, make_i2(0, 0), raw.c_str(), "NULL", "/nonexistent_zk/m.box", 2));
   // A minimum distance that gives a cell below one pixel.
-  EXPECT_DIES("grid cell of less than 1 pixel. Use a larger --min_dist.\n"
+  EXPECT_FAILS("grid cell of less than 1 pixel. Use a larger --min_dist.\n"
               "Error in function box_filter.*grid cell below 1 pixel! Exit now!",
               box_filter(100, 100, 1.4f, 0.1f, 1, 4, 4, make_i2(0, 0), raw.c_str(), "NULL", out.c_str(), 2));
   EXPECT_EQ(zk_slurp(out), "old\n");

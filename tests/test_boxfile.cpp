@@ -62,9 +62,6 @@ const char* kStarHead =
     "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n"
     "_rlnClassNumber #4\n_rlnAutopickFigureOfMerit #5\n";
 
-#define EXPECT_DIES(regex, ...) \
-  EXPECT_EXIT({ ZK_STDOUT_TO_STDERR(); __VA_ARGS__; }, ::testing::ExitedWithCode(1), regex)
-
 }  // namespace
 
 TEST(BoxFormats, LinesAndHeadsByteForByte) {
@@ -129,12 +126,12 @@ TEST(BoxReader, OneToThreeWordsEndTheProcess) {
   ZkTmpDir dir;
   PTCL_BOX b[4];
   for (const char* bad : {"7\n", "7 8\n", "1 2 3 4\n7 8 9\n", "1 2 3 4\r\n\r\n5\r\n", "# x y\n12 13 14 15\n"}) {
+    SCOPED_TRACE(bad);
     put_file(dir / "bad.box", bad);
-    EXPECT_DIES("Error in function .*: unrecognized box format!! Exit now!",
-                read_all_ptcl_boxes(b, 4, (dir / "bad.box").c_str()))
-        << bad;
+    EXPECT_FAILS("Error in function .*: unrecognized box format!! Exit now!",
+                 read_all_ptcl_boxes(b, 4, (dir / "bad.box").c_str()));
   }
-  EXPECT_DIES("Cannot open file .*missing.txt. Permission denied or wrong file name.",
+  EXPECT_FAILS("Cannot open file .*missing.txt. Permission denied or wrong file name.",
               read_all_ptcl_boxes(b, 4, (dir / "missing.txt").c_str()));
 }
 
@@ -369,8 +366,8 @@ TEST(BoxLibrary, PrintCountAndGrid) {
   EXPECT_EQ(auto_gridbox_2d(nullptr, 0, 1, 5, 0, 1, 0, 5), 0);  // end before start
 
   PTCL_BOX one = one_new_ptcl_box();
-  EXPECT_DIES("Cannot open file /nonexistent_zk/p.box. strike any key exit!\nError in function .*open file failed.! Exit",
+  EXPECT_FAILS("Cannot open file /nonexistent_zk/p.box. strike any key exit!\nError in function .*open file failed.! Exit",
               fprint_all_ptcl_boxes("/nonexistent_zk/p.box", &one, 1));
-  EXPECT_DIES("Cannot write to file /nonexistent_zk/g.star. Permission denied or no space left!",
+  EXPECT_FAILS("Cannot write to file /nonexistent_zk/g.star. Permission denied or no space left!",
               auto_gridboxf_2d("/nonexistent_zk/g.star", 1, 0, 1, 1, 0, 1));
 }

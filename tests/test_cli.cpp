@@ -174,7 +174,7 @@ TEST(Cli, RunOrderFromEchoToClosingBanner) {
   const std::string opening = "Opening " + a + " for initial test and preperation .......\n";
   ASSERT_EQ(out.compare(at, opening.size(), opening), 0) << out.substr(at);
 
-  // Then, in order: preparation, the road of each micrograph, the banner.
+  // Then, in order: preparation, the three stages of each micrograph, the banner.
   std::vector<std::string> order = {">>>>>>TIME<<<<<<                     PREPARATION: "};
   for (const std::string& m : {a, b}) {
     order.push_back(SEPARATOR + "Reading File " + m + " ...\n");
@@ -259,7 +259,6 @@ TEST(Geometry, RectangularMicrographAtTheDefaults) {
   Zavik_Para para;
   zavik_init_parameters(1, &para);
   ZkRun run;
-  memset(&run, 0, sizeof run);
   run.para = &para;
   run.head_first.nx = 3710;
   run.head_first.ny = 3838;

@@ -8,9 +8,8 @@
 
 #include "backend_fixture.h"
 #include "device/cuda_general.h"
-#include "device/process2d_mrc.h"
-#include "device/process2d_raw_extract.h"
 #include "formats/mrcfile.h"
+#include "picking/extract.h"
 #include "test_util.h"
 
 namespace {
@@ -62,9 +61,6 @@ PTCL_BOX box_at(int x, int y, int w, int h) {
 }
 
 // The report goes to stdout; death tests read stderr.
-#define EXPECT_DIES(stmt, regex) \
-  EXPECT_EXIT({ ZK_STDOUT_TO_STDERR(); stmt; }, ::testing::ExitedWithCode(1), regex)
-
 // A mode 1 micrograph of nx x ny shorts with value x + 100 y, written byte by byte.
 void write_short_micrograph(const std::string& p, int nx, int ny) {
   std::vector<unsigned char> b(1024, 0);
@@ -257,16 +253,15 @@ TEST(ExtractFile, UnusableMicrographsEndTheRun) {
   FILE* f = fopen(zero.c_str(), "wb");
   fwrite(b.data(), 1, b.size(), f);
   fclose(f);
-  EXPECT_DIES(mrcf_x2d_extract_ptcls_from_micrograph(zero.c_str(), boxf.c_str(), 0, 0),
-              "Error in function get_mrcf_data_ptcls\\(\\), file process2d_mrc.cpp on line [0-9]+: Micrograph or "
-              "movie size error!! Exit now!");
+  EXPECT_FAILS("Error in function get_mrcf_data_ptcls\\(\\), file extract.cpp on line [0-9]+: Micrograph or "
+               "movie size error!! Exit now!",
+               mrcf_x2d_extract_ptcls_from_micrograph(zero.c_str(), boxf.c_str(), 0, 0));
   std::string longer = dir / "l.mrc";
   write_short_micrograph(longer, 4, 4);
   f = fopen(longer.c_str(), "ab");
   fputc(0, f);
   fclose(f);
-  EXPECT_DIES(mrcf_x2d_extract_ptcls_from_micrograph(longer.c_str(), boxf.c_str(), 0, 0),
-              "File size error!! Exit now!");
+  EXPECT_FAILS("File size error!! Exit now!", mrcf_x2d_extract_ptcls_from_micrograph(longer.c_str(), boxf.c_str(), 0, 0));
   EXPECT_FALSE(zk_exists(dir / "l_particles.mrcs"));
 }
 

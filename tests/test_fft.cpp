@@ -351,14 +351,9 @@ TEST_P(FftOps, RadialWeightAtChosenFrequencies) {
   // frequency, whose weight is 0.
   float* r = d.f(16 * 8);
   hcuda_empty_float(r, 15 * 8);
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        hcuda_r2d_rweight_inplace(r, 15, 8, 0.2f, 0.1f);
-      },
-      ::testing::ExitedWithCode(1),
-      "Error in function hcuda_r2d_rweight_inplace\\(\\), file cuda_fft.cpp on line [0-9]+: 15 not an even number! "
-      "Exit now!");
+  EXPECT_FAILS("Error in function hcuda_r2d_rweight_inplace\\(\\), file cuda_fft.cpp on line [0-9]+: 15 not an even number! "
+      "Exit now!",
+               hcuda_r2d_rweight_inplace(r, 15, 8, 0.2f, 0.1f););
   hcuda_memset_float(r, 3.0f, 16 * 6);
   float* ro = d.f(16 * 6);
   hcuda_r2d_rweight(ro, r, 16, 6, 0.2f, 0.1f);

@@ -149,12 +149,7 @@ TEST(Help, TipsAndFullHelp) {
 }
 
 TEST(Help, HelpExitPrintsUsageThenTheReason) {
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        zavik_help_exit("prog", "No valid files to be processed.");
-      },
-      ::testing::ExitedWithCode(1),
-      "Usage:(.|\n)*Print full help document\nError in function zavik_help_exit\\(\\), file zavik_help.cpp on "
-      "line [0-9]+: No valid files to be processed.! Exit now!\n$");
+  EXPECT_FAILS("Usage:(.|\n)*Print full help document\nError in function zavik_help_exit\\(\\), file zavik_help.cpp on "
+      "line [0-9]+: No valid files to be processed.! Exit now!\n$",
+               zavik_help_exit("prog", "No valid files to be processed."););
 }

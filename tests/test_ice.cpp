@@ -11,6 +11,8 @@
 #include "device/cuda_general.h"
 #include "device/process2d_local.h"
 #include "driver/zavik_para.h"
+#include "driver/zavik_run.h"
+#include "formats/boxfile.h"
 #include "formats/mrcfile.h"
 #include "picking/zavik56_ice.h"
 #include "test_util.h"

@@ -13,12 +13,10 @@
 #include "backend_fixture.h"
 #include "device/cuda_general.h"
 #include "formats/mrcfile.h"
+#include "imagefile/mrc_device.h"
 #include "test_util.h"
 
 // The statements run in a child that must end with status 1 and print regex.
-#define EXPECT_DIES(regex, ...) \
-  EXPECT_EXIT({ ZK_STDOUT_TO_STDERR(); __VA_ARGS__; }, ::testing::ExitedWithCode(1), regex)
-
 namespace {
 
 using Bytes = std::vector<unsigned char>;
@@ -316,7 +314,7 @@ TEST(MrcSize, WrongLengthsEndWholeReadsButNotSliceReads) {
   b.insert(b.end(), {9, 8, 7});
   write_bytes(p, b);
   EXPECT_EQ(read_of(p, 'z', 0, 2), (Floats{9, 8}));
-  EXPECT_DIES("File size 1027  1 xyz 2.*File size error!!\n.*File size error!! Exit now!",
+  EXPECT_FAILS("File size 1027  1 xyz 2.*File size error!!\n.*File size error!! Exit now!",
               free(get_mrcf_data_all(p.c_str())));
   // A truncated slice reads zeros beyond the end.
   b = raw_head(2, 2, 1, 2);
@@ -331,7 +329,7 @@ TEST(MrcSize, WrongLengthsEndWholeReadsButNotSliceReads) {
   addf(b, 4.0f);
   write_bytes(p, b);
   EXPECT_EQ(read_of(p, 'z', 0, 2), (Floats{0.0f, 0.0f}));
-  EXPECT_DIES("Error in function mrc_read_all\\(\\), file mrcfile.cpp on line [0-9]+: File size error!! Exit now!",
+  EXPECT_FAILS("Error in function mrc_read_all\\(\\), file mrcfile.cpp on line [0-9]+: File size error!! Exit now!",
               read_of(p, 0, 0, 2));
 }
 
@@ -346,7 +344,7 @@ TEST(MrcSize, DimensionKeywordsAndMissingFile) {
   EXPECT_TRUE(has(out, ": unrecognized dimension keywords w !\n"
                        "valid dimension keywords: x, y, z, xy, yx, xz, zx, yz, zy, xyz; not case sensitive\n"))
       << out;
-  EXPECT_DIES("Cannot open file /nonexistent_zk/a.mrc. Permission denied or wrong file name.\n"
+  EXPECT_FAILS("Cannot open file /nonexistent_zk/a.mrc. Permission denied or wrong file name.\n"
               "Error in function get_mrcf_head\\(\\), file mrcfile.cpp on line [0-9]+: open file failed.! Exit now!",
               get_mrcf_head("/nonexistent_zk/a.mrc"));
 }
@@ -423,9 +421,10 @@ TEST(MrcTwoHeads, EqualHeadsPassAndADifferenceInAnyFieldEndsTheRun) {
   b.amax = 7.0f;  // other fields do not count
   EXPECT_EQ(check_mrc_head_sizes_two("a.mrc", "b.mrc", &a, &b), 0);
   for (int f = 0; f < 4; ++f) {
+    SCOPED_TRACE(f);
     mrc_set_head_xyz_mode(&b, 3710 + (f == 0), 3838 + (f == 1), 1 + (f == 2), 2 - (f == 3));
-    EXPECT_DIES("a\\.mrc.* has a different size or format from .*b\\.mrc", check_mrc_head_sizes_two("a.mrc", "b.mrc", &a, &b))
-        << f;
+    EXPECT_FAILS("a\\.mrc.* has a different size or format from .*b\\.mrc",
+                 check_mrc_head_sizes_two("a.mrc", "b.mrc", &a, &b));
   }
 }
 
@@ -483,17 +482,24 @@ TEST(MrcWrite, FailuresEndTheRunAndLoseNoFile) {
   ZkTmpDir dir;
   std::string p = dir / "big.mrc";
   write_bytes(p, Bytes{'o', 'l', 'd'});
-  EXPECT_DIES("mrc_write_head_alldata\\(\\) does not support writing float data to other MRC format.! Exit now!",
-              MRC_HEAD* h = mrc_new_head(); mrc_set_head_xyz_mode(h, 1, 1, 1, 1); float v = 1.0f;
-              mrc_write_head_data(fopen("/dev/null", "wb"), h, &v));
+  EXPECT_FAILS("mrc_write_head_alldata\\(\\) does not support writing float data to other MRC format.! Exit now!",
+               MRC_HEAD h; mrc_init_head(&h); mrc_set_head_xyz_mode(&h, 1, 1, 1, 1); float v = 1.0f;
+               ZkFilePtr null_file(fopen("/dev/null", "wb")); mrc_write_head_data(null_file.get(), &h, &v));
   const float v = 0.0f;
-  EXPECT_DIES("Cannot write to file /nonexistent_zk/o.mrc. Permission denied or no space left!\n"
-              ".*open file failed.! Exit now!",
-              mrcf_write_xyz_data("/nonexistent_zk/o.mrc", &v, 1, 1, 1));
+  EXPECT_FAILS("Cannot write to file /nonexistent_zk/o.mrc. Permission denied or no space left!\n"
+               ".*open file failed.! Exit now!",
+               mrcf_write_xyz_data("/nonexistent_zk/o.mrc", &v, 1, 1, 1));
   // A file size limit makes the writes fail as a full disk would.
-  EXPECT_DIES("Cannot write to file " + p + ". Permission denied or no space left!", signal(SIGXFSZ, SIG_IGN);
-              struct rlimit rl; rl.rlim_cur = rl.rlim_max = 4096; setrlimit(RLIMIT_FSIZE, &rl);
-              Floats d(100000, 1.0f); mrcf_write_xyz_data(p.c_str(), d.data(), 1000, 100, 1));
+  struct rlimit old_limit;
+  getrlimit(RLIMIT_FSIZE, &old_limit);
+  void (*old_handler)(int) = signal(SIGXFSZ, SIG_IGN);
+  struct rlimit rl = old_limit;
+  rl.rlim_cur = 4096;
+  setrlimit(RLIMIT_FSIZE, &rl);
+  EXPECT_FAILS("Cannot write to file " + p + ". Permission denied or no space left!",
+               Floats d(100000, 1.0f); mrcf_write_xyz_data(p.c_str(), d.data(), 1000, 100, 1));
+  setrlimit(RLIMIT_FSIZE, &old_limit);
+  signal(SIGXFSZ, old_handler);
   EXPECT_EQ(zk_slurp(p), "old");
   EXPECT_EQ(listing(dir), "big.mrc\n");
 }
@@ -618,7 +624,7 @@ TEST(MrcLibrary, SubAreasAndGrids) {
   fclose(f);
   std::string q = dir / "m0.mrc";
   write_bytes(q, raw_head(2, 2, 1, 0));
-  EXPECT_DIES("File Mode must be MRC_MODE_FLOAT!Exit now!", FILE* g0 = fopen(q.c_str(), "rb"); MRC_HEAD h0;
+  EXPECT_FAILS("File Mode must be MRC_MODE_FLOAT!Exit now!", FILE* g0 = fopen(q.c_str(), "rb"); MRC_HEAD h0;
               mrc_read_head(g0, &h0); float t[4]; mrc_2d_read_sub_area(g0, &h0, t, 0, 0, 1, 1));
 }
 

@@ -7,13 +7,13 @@
 #include <vector>
 
 #include "backend_fixture.h"
+#include "core/str_utils.h"
 #include "device/cuda_general.h"
 #include "device/math_utils.h"
 #include "device/process2d_raw.h"
 #include "driver/zavik_para.h"
 #include "driver/zavik_run.h"
 #include "formats/mrcfile.h"
-#include "formats/str_utils.h"
 #include "picking/img_filter.h"
 #include "picking/zavik56_templates.h"
 #include "test_util.h"
@@ -61,21 +61,11 @@ struct StageRun {
     zavik_get_parameters((int)argv.size(), argv.data(), &para);
     testing::internal::GetCapturedStdout();
 
-    memset(&run, 0, sizeof run);
     run.para = &para;
     mrcf_read_head(mic.c_str(), &run.head_first);
     zavik_run_set_geometry(&run);
     zavik_stage_load_templates(&run);
-    const size_t LL = (size_t)run.L * run.L, TT = (size_t)run.Tx * run.Ty;
-    run.h_raw = (float*)malloc((size_t)run.Nx * run.Ny * sizeof(float));
-    run.h_shrunk = (float*)malloc(LL * sizeof(float));
-    run.h_T = (float*)malloc(TT * sizeof(float));
-    run.d_T = d_alloc_float(run.Nt * TT);
-    run.d_mic = d_alloc_float(LL);
-    run.d_mask = d_alloc_float(LL);
-    zavik_run_set_grid(&run);
-    run.d_ice = d_alloc_uint((size_t)run.Gx * run.Gy);
-    run.boxes_excluded = (PTCL_BOX*)calloc((size_t)run.Gx * run.Gy, sizeof(PTCL_BOX));
+    zavik_run_allocate(&run);
     zavik_stage_upload_templates(&run);
 
     set_outname_by_suffix(run.pref_name, mic.c_str(), "_pref.mrc");
@@ -83,15 +73,10 @@ struct StageRun {
     set_outname_by_suffix(run.bgfree_name, mic.c_str(), "_bgfree.mrc");
     FILE* fp = fopen(mic.c_str(), "rb");
     mrc_read_head(fp, &run.head);
-    mrc_read_slice(fp, &run.head, 0, 'z', run.h_raw);
+    mrc_read_slice(fp, &run.head, 0, 'z', run.h_raw.data());
     fclose(fp);
   }
-  ~StageRun() {
-    for (void* h : {(void*)run.h_raw, (void*)run.h_shrunk, (void*)run.h_T, (void*)run.boxes_excluded}) free(h);
-    destroy_template_data(run.h_T_all);
-    for (void* d : {(void*)run.d_T, (void*)run.d_mic, (void*)run.d_mask, (void*)run.d_ice}) device_free(d);
-    zavik_free_parameters(&para);
-  }
+  ~StageRun() { zavik_free_parameters(&para); }
   // NORMALIZATION; returns what it printed.
   std::string normalize() {
     testing::internal::CaptureStdout();
@@ -144,7 +129,7 @@ TEST_P(NormalizeStage, OutputFilesUnderTheirFlags) {
   // normalisation: a high-pass at pre_hp inside the Nyquist circle of the
   // working image (apix 8 A, first limit 16 A), soft edge 8.
   std::vector<float> shrunk((size_t)L * L);
-  cpu_2d_meanshrink_extended_even_square(shrunk.data(), s.run.h_raw, 512, 480, 4);
+  cpu_2d_meanshrink_extended_even_square(shrunk.data(), s.run.h_raw.data(), 512, 480, 4);
   float* d = to_dev(shrunk);
   hcuda_2d_bandpass_softR_mpad_inplace(d, L, 8.0f, 16.0f, 1000.0f, 8.0f);
   EXPECT_TRUE(same_bits(read_image(dir / "m_pref.mrc", L), from_dev(d, shrunk.size())));
@@ -153,7 +138,7 @@ TEST_P(NormalizeStage, OutputFilesUnderTheirFlags) {
   // "_mask.mrc": 0 in the rejected cells, 1 elsewhere; the contamination
   // rejects some cells, not all.
   std::vector<float> mask = read_image(dir / "m_mask.mrc", L);
-  EXPECT_TRUE(same_bits(mask, mask_of(from_dev(s.run.d_ice, s.cells()), L, s.run.G, s.run.Gx)));
+  EXPECT_TRUE(same_bits(mask, mask_of(from_dev(s.run.d_ice.get(), s.cells()), L, s.run.G, s.run.Gx)));
   double msum = 0;
   for (float v : mask) msum += v;
   EXPECT_GT(msum, 0.5 * L * L);
@@ -163,7 +148,7 @@ TEST_P(NormalizeStage, OutputFilesUnderTheirFlags) {
   // "_bgfree.mrc": the final image, mean 0 and deviation 1 under the mask;
   // the rejected pixels keep their scaled values.
   std::vector<float> bgfree = read_image(dir / "m_bgfree.mrc", L);
-  EXPECT_TRUE(same_bits(bgfree, from_dev(s.run.d_mic, s.LL())));
+  EXPECT_TRUE(same_bits(bgfree, from_dev(s.run.d_mic.get(), s.LL())));
   expect_normalised(bgfree, mask);
   size_t nonzero_rejected = 0;
   for (size_t i = 0; i < mask.size(); ++i) nonzero_rejected += mask[i] == 0.0f && bgfree[i] != 0.0f;
@@ -185,13 +170,13 @@ TEST_P(NormalizeStage, WithoutIceDetectionEveryCellIsFree) {
   ZkTmpDir dir;
   StageRun s(make_synth(dir), {"--apixM", "2", "--diameter", "150", "--detect_ice", "0", "--write_bg_mic", "1",
                                "--write_lsigma_mic", "1"});
-  hcuda_memset_uint(s.run.d_ice, 12345u, s.cells());
+  hcuda_memset_uint(s.run.d_ice.get(), 12345u, s.cells());
   s.normalize();
   for (const char* suffix : {"_rejected.box", "_rejected.star", "_bg.mrc", "_lsigma.mrc"})
     EXPECT_FALSE(zk_exists(dir / (std::string("m") + suffix))) << suffix;
-  for (unsigned int w : from_dev(s.run.d_ice, s.cells())) ASSERT_EQ(w, 0u);
-  for (float v : from_dev(s.run.d_mask, s.LL())) ASSERT_EQ(v, 1.0f);
-  std::vector<float> img = from_dev(s.run.d_mic, s.LL());
+  for (unsigned int w : from_dev(s.run.d_ice.get(), s.cells())) ASSERT_EQ(w, 0u);
+  for (float v : from_dev(s.run.d_mask.get(), s.LL())) ASSERT_EQ(v, 1.0f);
+  std::vector<float> img = from_dev(s.run.d_mic.get(), s.LL());
   expect_normalised(img, std::vector<float>(img.size(), 1.0f));
 }
 
@@ -213,20 +198,20 @@ TEST_P(NormalizeStage, ExclusionEntersTheMask) {
     b.x = 236;  // centre (256, 300): px 64, py 75, cell (6, 7)
     b.y = 280;
     b.w = b.h = 40;
-    s.run.boxes_excluded[0] = b;
+    s.run.boxes_excluded.data()[0] = b;
     s.run.n_excluded = 1;
     const std::string said = s.normalize();
     EXPECT_NE(said.find("       1 particles in file " + global + " excluded from auto-picking \n"),
               std::string::npos)
         << said;
-    std::vector<unsigned int> ice = from_dev(s.run.d_ice, s.cells());
+    std::vector<unsigned int> ice = from_dev(s.run.d_ice.get(), s.cells());
     std::vector<unsigned int> want(s.cells(), 0);
     want[10 * 13 + 10] = 105 + 105 * 128;
     if (mask_excluded) want[7 * 13 + 6] = 64 + 75 * 128;
     EXPECT_EQ(ice, want) << "mask_excluded " << mask_excluded;
-    std::vector<float> mask = from_dev(s.run.d_mask, s.LL());
+    std::vector<float> mask = from_dev(s.run.d_mask.get(), s.LL());
     EXPECT_TRUE(same_bits(mask, mask_of(want, 128, 10, 13)));
-    expect_normalised(from_dev(s.run.d_mic, s.LL()), mask);
+    expect_normalised(from_dev(s.run.d_mic.get(), s.LL()), mask);
   }
 }
 
@@ -248,8 +233,8 @@ TEST_P(NormalizeStage, EveryCellRejected) {
             std::string::npos)
       << said;
   EXPECT_EQ(s.run.no_picks, 1);
-  for (float v : from_dev(s.run.d_mask, s.LL())) ASSERT_EQ(v, 0.0f);
-  std::vector<float> img = from_dev(s.run.d_mic, s.LL());
+  for (float v : from_dev(s.run.d_mask.get(), s.LL())) ASSERT_EQ(v, 0.0f);
+  std::vector<float> img = from_dev(s.run.d_mic.get(), s.LL());
   for (float v : img) ASSERT_TRUE(std::isfinite(v));
   EXPECT_TRUE(same_bits(read_image(dir / "m_bgfree.mrc", s.run.L), img));
 
@@ -267,22 +252,22 @@ TEST_P(NormalizeStage, NotFiniteImageIsNotSearched) {
   const std::string mic = make_synth(dir);
   StageRun s(mic, {"--apixM", "2", "--diameter", "150"});
   const size_t n = (size_t)s.run.Nx * s.run.Ny;
-  const std::vector<float> raw(s.run.h_raw, s.run.h_raw + n);
+  const std::vector<float> raw(s.run.h_raw.data(), s.run.h_raw.data() + n);
 
-  s.run.h_raw[1000] = NAN;
-  s.run.h_raw[n - 1] = -INFINITY;
-  s.run.h_raw[n / 2] = INFINITY;
+  s.run.h_raw.data()[1000] = NAN;
+  s.run.h_raw.data()[n - 1] = -INFINITY;
+  s.run.h_raw.data()[n / 2] = INFINITY;
   EXPECT_EQ(s.normalize(), "Warning: micrograph " + mic +
                                " holds NaN or infinite samples (3 of them); no particles will be picked from it.\n");
   EXPECT_EQ(s.run.no_picks, 1);
 
-  std::fill(s.run.h_raw, s.run.h_raw + n, 3.5f);
+  std::fill(s.run.h_raw.data(), s.run.h_raw.data() + n, 3.5f);
   EXPECT_EQ(s.normalize(), "Warning: micrograph " + mic +
                                " has no contrast that can be normalised (constant or out-of-range samples); no "
                                "particles will be picked from it.\n");
   EXPECT_EQ(s.run.no_picks, 1);
 
-  std::copy(raw.begin(), raw.end(), s.run.h_raw);
+  std::copy(raw.begin(), raw.end(), s.run.h_raw.data());
   EXPECT_EQ(s.normalize(), "");
   EXPECT_EQ(s.run.no_picks, 0);
 }
@@ -299,11 +284,11 @@ TEST_P(NormalizeStage, TemplatesNormalisedAndInverted) {
     ASSERT_EQ(Tx, 4 * (int)s.para.T_radius);
     int gx, gy, gn;
     float* raw = create_template_data(gx, gy, gn, s.para.T_radius, s.para.center1_ratio);
-    EXPECT_EQ(memcmp(raw, s.run.h_T_all, (size_t)Tx * Ty * sizeof(float)), 0) << "h_T_all keeps the stack as made";
+    EXPECT_EQ(memcmp(raw, s.run.h_T_all.get(), (size_t)Tx * Ty * sizeof(float)), 0) << "h_T_all keeps the stack as made";
     double mean = 0;
     for (int i = 0; i < Tx * Ty; ++i) mean += raw[i];
     mean /= Tx * Ty;
-    std::vector<float> dT = from_dev(s.run.d_T, (size_t)Tx * Ty);
+    std::vector<float> dT = from_dev(s.run.d_T.get(), (size_t)Tx * Ty);
     const double sign = dont ? 1.0 : -1.0;
     for (int i = 0; i < Tx * Ty; ++i) ASSERT_NEAR(dT[i], sign * (raw[i] - mean), 1e-6) << i;
     destroy_template_data(raw);
@@ -314,9 +299,9 @@ TEST_P(NormalizeStage, TemplatesNormalisedAndInverted) {
                    "3"});
   ASSERT_GT(f.run.Nt, 1);
   const size_t TT = (size_t)f.run.Tx * f.run.Ty;
-  std::vector<float> dT = from_dev(f.run.d_T, f.run.Nt * TT);
+  std::vector<float> dT = from_dev(f.run.d_T.get(), f.run.Nt * TT);
   for (int t = 0; t < f.run.Nt; ++t) {
-    std::vector<float> one(f.run.h_T_all + t * TT, f.run.h_T_all + (t + 1) * TT);
+    std::vector<float> one(f.run.h_T_all.get() + t * TT, f.run.h_T_all.get() + (t + 1) * TT);
     normalize_template_by_type(one.data(), f.run.Tx, f.run.Ty, 3, f.para.T_radius, f.para.center1_ratio);
     for (size_t i = 0; i < TT; ++i) ASSERT_EQ(dT[t * TT + i], -one[i]) << t << " " << i;
   }

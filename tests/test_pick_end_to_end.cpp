@@ -16,8 +16,6 @@
 #include "driver/zavik_run.h"
 #include "test_util.h"
 
-int zavik_main(int argc, char** argv);
-
 namespace {
 
 struct Centre {
@@ -129,14 +127,14 @@ TEST(PickEndToEnd, AFailedResultWriteEndsTheRunAndKeepsTheOldFile) {
 namespace {
 
 // Runs the picker in this process on the micrographs of dir.
-void run_in_process(const std::vector<std::string>& args) {
+void run_in_process(const std::vector<std::string>& args, const ZkRunShortcuts& shortcuts) {
   std::vector<std::string> words = {"zavik"};
   words.insert(words.end(), args.begin(), args.end());
   std::vector<char*> argv;
   for (std::string& w : words) argv.push_back(&w[0]);
   argv.push_back(nullptr);
   testing::internal::CaptureStdout();
-  const int rc = zavik_main((int)words.size(), argv.data());
+  const int rc = zavik_run((int)words.size(), argv.data(), shortcuts);
   testing::internal::GetCapturedStdout();
   ASSERT_EQ(rc, 0);
 }
@@ -181,7 +179,6 @@ TEST(PickEndToEnd, EverySpeedUpKeepsEveryOutputByte) {
       {"no_prefetch", [](ZkRunShortcuts& s) { s.prefetch = false; }},
       {"no_plan_cache", [](ZkRunShortcuts&) { zk_fft_set_cache(false); }},
   };
-  const ZkRunShortcuts defaults = zavik_shortcuts();
   for (const Variant& v : variants) {
     const std::string d = dir / v.name;
     ASSERT_EQ(mkdir(d.c_str(), 0755), 0);
@@ -189,11 +186,12 @@ TEST(PickEndToEnd, EverySpeedUpKeepsEveryOutputByte) {
       ASSERT_EQ(synth("--out " + d + "/m" + std::to_string(i) + ".mrc --nx 600 --ny 560 --apix 4 --diameter 160" +
                       " --noise 0.8 --seed " + std::to_string(i)),
                 0);
-    v.set(zavik_shortcuts());
+    ZkRunShortcuts shortcuts;
+    v.set(shortcuts);
     const std::string mics[] = {d + "/m1.mrc", d + "/m2.mrc", d + "/m3.mrc"};
     run_in_process({"--apixM", "4", "--diameter", "160", "--speed", "2", "--T", T, "--apixT", "4", "--ang_step", "20",
-                    "--write_ccmax_mic", "1", "--write_bgfree_mic", "1", mics[0], mics[1], mics[2]});
-    zavik_shortcuts() = defaults;
+                    "--write_ccmax_mic", "1", "--write_bgfree_mic", "1", mics[0], mics[1], mics[2]},
+                   shortcuts);
     zk_fft_set_cache(true);
     if (std::string(v.name) == "all")
       ASSERT_GT(read_centres(d + "/m1_zavik.box", false).size(), 5u);  // something to compare

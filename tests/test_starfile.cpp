@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "core/txt_file.h"
 #include "formats/starfile.h"
 #include "test_util.h"
 
@@ -229,14 +230,9 @@ TEST(StarWriters, ParticleHeadAndLineByteForByte) {
             "     5.000000     0.125000 50000.000000     0.100000     0.500000    90.000000\n");
   fclose(f);
   StarHead head;
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        starf_read_head("/nonexistent_zk/x.star", &head);
-      },
-      ::testing::ExitedWithCode(1),
-      "Cannot open file /nonexistent_zk/x.star. Permission denied or wrong file name.\n"
-      "Error in function .*open file failed.! Exit now!");
+  EXPECT_FAILS("Cannot open file /nonexistent_zk/x.star. Permission denied or wrong file name.\n"
+      "Error in function .*open file failed.! Exit now!",
+               starf_read_head("/nonexistent_zk/x.star", &head););
 }
 
 TEST(TextLine, OverlongLineIsCutAndItsRestPassedOver) {

@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "formats/str_utils.h"
-#include "formats/txt_file.h"
+#include "core/str_utils.h"
+#include "core/txt_file.h"
 #include "test_util.h"
 
 namespace {
@@ -105,12 +105,8 @@ TEST(StrUtils, SuffixesAndOutputNames) {
   // 1015 + 6 characters fit; an output name beyond 1023 ends the run.
   std::string mic = std::string(1015, 'm') + ".mrc";
   EXPECT_EQ(set_outname_by_suffix(out, mic.c_str(), "_zavik"), 0);
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        set_outname_by_suffix(out, mic.c_str(), "_nonunique.box");
-      },
-      ::testing::ExitedWithCode(1), "longer than 1023 characters(.|\n)*file name too long! Exit now!");
+  EXPECT_FAILS("longer than 1023 characters(.|\n)*file name too long! Exit now!",
+               set_outname_by_suffix(out, mic.c_str(), "_nonunique.box"););
 }
 
 TEST(TxtFile, ReadOneLineAndFindText) {
@@ -137,14 +133,9 @@ TEST(TxtFile, ReadOneLineAndFindText) {
   EXPECT_EQ(f_Nfind_str_line(name.c_str(), "third", 2), 3);  // lines 1 .. max + 1
   EXPECT_EQ(f_Nfind_str_line(name.c_str(), "third", 1), -1);
   std::string missing = dir / "none.txt";
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        f_Nfind_str_line(missing.c_str(), "x", 3);
-      },
-      ::testing::ExitedWithCode(1),
-      "Cannot open file .*none.txt. Permission denied or wrong file name.\nError in function f_Nfind_str_line\\(\\), "
-      "file txt_file.cpp on line [0-9]+: open file failed.! Exit now!");
+  EXPECT_FAILS("Cannot open file .*none.txt. Permission denied or wrong file name.\nError in function f_Nfind_str_line\\(\\), "
+      "file txt_file.cpp on line [0-9]+: open file failed.! Exit now!",
+               f_Nfind_str_line(missing.c_str(), "x", 3););
 }
 
 TEST(TxtFile, AccessChecks) {

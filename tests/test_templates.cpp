@@ -146,24 +146,15 @@ ZK_BACKEND_SUITE(TemplateScaling);
 
 TEST(Templates, UnusableFilesOrPixelSizesEndTheRun) {
   int Tx, Ty, Nt;
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        get_or_create_template_data(Tx, Ty, Nt, "/nonexistent/T.mrcs", 10.0f, 1.0f, 1.0f, 1, 0.05f);
-      },
-      ::testing::ExitedWithCode(1),
-      "Cannot open file /nonexistent/T.mrcs. Permission denied or wrong file name.\n"
-      "Error in function get_template_data\\(\\), file zavik56_templates.cpp on line [0-9]+: open file failed.");
+  EXPECT_FAILS("Cannot open file /nonexistent/T.mrcs. Permission denied or wrong file name.\n"
+      "Error in function get_template_data\\(\\), file zavik56_templates.cpp on line [0-9]+: open file failed.",
+               get_or_create_template_data(Tx, Ty, Nt, "/nonexistent/T.mrcs", 10.0f, 1.0f, 1.0f, 1, 0.05f););
   ZkTmpDir tmp;
   std::vector<float> one(16, 1.0f);
   const std::string f = tmp / "t.mrc";
   mrcf_write_xyz_data(f.c_str(), one.data(), 4, 4, 1);
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 0.0f, 1.0f, 1, 0.05f);
-      },
-      ::testing::ExitedWithCode(1), "The pixel sizes of templates and micrographs must be greater than 0");
+  EXPECT_FAILS("The pixel sizes of templates and micrographs must be greater than 0",
+               get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 0.0f, 1.0f, 1, 0.05f););
   // A head without templates.
   MRC_HEAD head;
   mrc_init_head(&head);
@@ -172,14 +163,9 @@ TEST(Templates, UnusableFilesOrPixelSizesEndTheRun) {
   FILE* fp = fopen(e.c_str(), "wb");
   mrc_write_head(fp, &head);
   fclose(fp);
-  EXPECT_EXIT(
-      {
-        ZK_STDOUT_TO_STDERR();
-        get_template_data(Tx, Ty, Nt, e.c_str());
-      },
-      ::testing::ExitedWithCode(1),
-      "Template file " + e + " has no usable size or mode in its head: Nx 4, Ny 3, Nz 0, mode 2.\nError in function "
-      "get_template_data\\(\\), file zavik56_templates.cpp on line [0-9]+: unusable template file! Exit now!");
+  EXPECT_FAILS("Template file " + e + " has no usable size or mode in its head: Nx 4, Ny 3, Nz 0, mode 2.\nError in function "
+      "get_template_data\\(\\), file zavik56_templates.cpp on line [0-9]+: unusable template file! Exit now!",
+               get_template_data(Tx, Ty, Nt, e.c_str()););
 }
 
 TEST(Templates, NormalisationTypes) {

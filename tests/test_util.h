@@ -6,14 +6,6 @@
 #include <cstdlib>
 #include <string>
 
-// Death tests see only stderr; the system reports on stdout.  Put this first
-// in the statement of an EXPECT_EXIT so the report can be matched.
-#define ZK_STDOUT_TO_STDERR()           \
-  do {                                  \
-    fflush(stdout);                     \
-    dup2(fileno(stderr), fileno(stdout)); \
-  } while (0)
-
 // A fresh directory under /tmp, removed when the object goes.
 struct ZkTmpDir {
   std::string path;
@@ -57,3 +49,50 @@ inline int zk_run(const std::string& cmd, std::string* out) {
 
 // Root passes every permission test: tests of unreadable files skip then.
 inline bool zk_running_as_root() { return geteuid() == 0; }
+
+// What a call that fails shows the user: what it printed, then the report of
+// the ZkError it threw, as the program's entry prints them.
+#include <gtest/gtest.h>
+
+#include <regex.h>
+
+#include "core/report.h"
+
+struct ZkOutcome {
+  bool threw = false;
+  int status = 0;
+  std::string text;
+};
+
+template <class F>
+ZkOutcome zk_outcome(F&& f) {
+  ZkOutcome r;
+  testing::internal::CaptureStdout();
+  try {
+    f();
+  } catch (const ZkError& e) {
+    r.threw = true;
+    r.status = e.status();
+    r.text = zk_error_text(e);
+  }
+  r.text = testing::internal::GetCapturedStdout() + r.text;
+  return r;
+}
+
+// A POSIX extended regex found somewhere in text, as death tests match.
+inline bool zk_matches(const std::string& text, const std::string& regex) {
+  regex_t re;
+  if (regcomp(&re, regex.c_str(), REG_EXTENDED | REG_NOSUB) != 0) return false;
+  const bool found = regexec(&re, text.c_str(), 0, nullptr, 0) == 0;
+  regfree(&re);
+  return found;
+}
+
+// The statements throw a report with status 1 whose text matches regex.
+#define EXPECT_FAILS(regex, ...)                                                 \
+  do {                                                                           \
+    const ZkOutcome o_ = zk_outcome([&]() { __VA_ARGS__; });                     \
+    EXPECT_TRUE(o_.threw) << "no failure reported:\n" << o_.text;                \
+    EXPECT_EQ(o_.status, 1);                                                     \
+    EXPECT_TRUE(zk_matches(o_.text, regex)) << "report:\n" << o_.text;           \
+  } while (0)

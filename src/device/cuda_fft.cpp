@@ -10,9 +10,9 @@
 #include <tuple>
 #include <vector>
 
+#include "core/report.h"
 #include "device/launch.h"
 #include "device/math_utils.h"
-#include "device/report.h"
 
 #if defined(ZAVIK_HAVE_CUDA)
 #include <cufft.h>
@@ -95,8 +95,7 @@ namespace {
 #if defined(ZAVIK_HAVE_CUDA)
 void cufft_check(cufftResult r, const char* file, int line) {
   if (r == CUFFT_SUCCESS) return;
-  fprintf(stderr, "Error %s at line %d in file %s\n", cuFFT_GetErrorString((int)r), line, file);
-  exit(1);
+  throw ZkError(ZkError::DEVICE, "", "", file, line, cuFFT_GetErrorString((int)r));
 }
 #define ZK_CUFFT_CHECK(call) cufft_check((call), zk_basename(__FILE__), __LINE__)
 #endif

@@ -10,7 +10,7 @@
 #pragma once
 #include <cstddef>
 
-#include "device/hd.h"
+#include "core/hd.h"
 
 // ---------------------------------------------------------------------------
 // Plans.  A plan prepares one size, one direction and a batch of images that

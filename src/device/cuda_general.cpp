@@ -9,8 +9,8 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "core/report.h"
 #include "device/launch.h"
-#include "device/report.h"
 
 #if defined(ZAVIK_HAVE_CUDA)
 #include <cuda_runtime.h>
@@ -133,7 +133,9 @@ struct BlockPool {
   std::multimap<size_t, void*> spare;      // size class -> kept block
   size_t spare_bytes = 0;
 };
-BlockPool g_pools[2];  // host, GPU
+// Host and GPU.  Made once and never destroyed, so that arrays held by
+// objects that outlive main (the caches) can still be given back.
+BlockPool* const g_pools = new BlockPool[2];
 // Kept bytes above this are given back at once.
 constexpr size_t kSpareCap = (size_t)6 << 30;
 
@@ -154,18 +156,20 @@ void* raw_alloc(size_t bytes) {
   return host_alloc(bytes);
 }
 
-void raw_free(void* p) {
+void raw_free(void* p, bool gpu) {
 #if defined(ZAVIK_HAVE_CUDA)
-  if (zk_on_gpu()) {
+  if (gpu) {
     cudaFree(p);
     return;
   }
+#else
+  (void)gpu;
 #endif
   free(p);
 }
 
 void release_spare(BlockPool& bp) {
-  for (auto& kv : bp.spare) raw_free(kv.second);
+  for (auto& kv : bp.spare) raw_free(kv.second, &bp == &g_pools[1]);
   bp.spare.clear();
   bp.spare_bytes = 0;
 }
@@ -197,7 +201,8 @@ void* pool_alloc(size_t bytes) {
 }  // namespace
 
 void zk_release_cached_memory() {
-  for (BlockPool& bp : g_pools) {
+  for (int k = 0; k < 2; ++k) {
+    BlockPool& bp = g_pools[k];
     std::lock_guard<std::mutex> lock(bp.m);
     release_spare(bp);
   }
@@ -224,17 +229,22 @@ int cudaMalloc_empty(void** p, size_t bytes) {
 
 void device_free(void* p) {
   if (!p) return;
-  BlockPool& bp = pool();
-  std::lock_guard<std::mutex> lock(bp.m);
-  auto it = bp.live.find(p);
-  if (it == bp.live.end()) return;  // not ours: nothing to give back
-  const size_t cls = it->second;
-  bp.live.erase(it);
-  if (kPoolOn && bp.spare_bytes + cls <= kSpareCap) {
-    bp.spare.emplace(cls, p);
-    bp.spare_bytes += cls;
-  } else {
-    raw_free(p);
+  // Each pool knows its own blocks, so a block goes back to the back end that
+  // gave it even when the other one is in force now.
+  for (int k = 0; k < 2; ++k) {
+    BlockPool& bp = g_pools[k];
+    std::lock_guard<std::mutex> lock(bp.m);
+    auto it = bp.live.find(p);
+    if (it == bp.live.end()) continue;
+    const size_t cls = it->second;
+    bp.live.erase(it);
+    if (kPoolOn && bp.spare_bytes + cls <= kSpareCap) {
+      bp.spare.emplace(cls, p);
+      bp.spare_bytes += cls;
+    } else {
+      raw_free(p, k == 1);
+    }
+    return;
   }
 }
 
@@ -310,10 +320,9 @@ void gpu_report_memory() {
   if (zk_on_gpu()) {
     size_t f = 0, t = 0;
     cudaError_t st = cudaMemGetInfo(&f, &t);
-    if (st != cudaSuccess) {
-      printf("Error: cudaMemGetInfo fails, %s \n", cudaGetErrorString(st));
-      ZK_FATAL("Device memory, cudaMemGetInfo failed");
-    }
+    if (st != cudaSuccess)
+      ZK_FATAL_AFTER(zk_format("Error: cudaMemGetInfo fails, %s \n", cudaGetErrorString(st)),
+                     "Device memory, cudaMemGetInfo failed");
     total = (double)t;
     avail = (double)f;
   }
@@ -345,6 +354,5 @@ void zk_check_status(int status, const char* file, int line) {
 #else
   const char* text = "host back end failure";
 #endif
-  fprintf(stderr, "Error %s at line %d in file %s\n", text, line, file);
-  exit(1);
+  throw ZkError(ZkError::DEVICE, "", "", file, line, text);
 }

@@ -8,8 +8,8 @@
 #pragma once
 #include <cstddef>
 
-#include "device/hd.h"
-#include "device/report.h"
+#include "core/hd.h"
+#include "core/report.h"
 
 enum class ZkBackend { Host, Gpu };
 
@@ -34,14 +34,16 @@ int check_and_set_gid(int& gid);
 // Makes gid the device of all later work (nothing to do on the host back end).
 int zk_set_device(int gid);
 
-// Allocation that never returns on failure; the memory is not cleared.
+// Allocation that throws the fatal report on failure; the memory is not
+// cleared.
 int safe_cudaMalloc(void** p, size_t bytes);
 // The same, then cleared by hcuda_empty.
 int safe_cudaMalloc_empty(void** p, size_t bytes);
 // Allocation that returns the platform's status; cleared on success.
 int cudaMalloc_empty(void** p, size_t bytes);
-// Releases memory from the allocators above (null is allowed).  Blocks are
-// kept and handed out again for the same size; see zk_release_cached_memory.
+// Releases memory from the allocators above (null is allowed), on the back
+// end that gave it, whichever is in force now.  Blocks are kept and handed out
+// again for the same size; see zk_release_cached_memory.
 void device_free(void* p);
 // Gives every kept block back to the platform.
 void zk_release_cached_memory();
@@ -76,9 +78,60 @@ void gpu_report_memory();
 inline dim3 zk_grid_1d(size_t n) { return dim3((unsigned int)((n + 1023) >> 10), 1, 1); }
 inline dim3 zk_grid_2d(int nx, int ny) { return dim3((unsigned int)((nx + 31) / 32), (unsigned int)((ny + 31) / 32), 1); }
 
-// Waits for the device and ends the process with "Error %s at line %d in file
-// %s\n" on stderr if the work so far failed.  Nothing to wait for on the host.
+// Waits for the device and throws the device report ("Error %s at line %d in
+// file %s") if the work so far failed.  Nothing to wait for on the host.
 void zk_sync_check(const char* file, int line);
-// Ends the process with the device error line for a non-zero status.
+// Throws the device report for a non-zero status.
 void zk_check_status(int status, const char* file, int line);
 #define ZK_CHECK(call) zk_check_status((int)(call), zk_basename(__FILE__), __LINE__)
+
+// An array in device memory that knows the back end that holds it and its
+// length, and frees itself there.  Raw pointers (get()) go to the operations.
+template <class T>
+class ZkDeviceArray {
+ public:
+  ZkDeviceArray() = default;
+  // n elements on the back end in force, not cleared.
+  explicit ZkDeviceArray(size_t n) { allocate(n); }
+  ~ZkDeviceArray() { reset(); }
+  ZkDeviceArray(const ZkDeviceArray&) = delete;
+  ZkDeviceArray& operator=(const ZkDeviceArray&) = delete;
+  ZkDeviceArray(ZkDeviceArray&& o) noexcept : p_(o.p_), n_(o.n_), backend_(o.backend_) { o.release(); }
+  ZkDeviceArray& operator=(ZkDeviceArray&& o) noexcept {
+    if (this != &o) {
+      reset();
+      p_ = o.p_;
+      n_ = o.n_;
+      backend_ = o.backend_;
+      o.release();
+    }
+    return *this;
+  }
+
+  // Frees what is held, then takes n elements on the back end in force.
+  void allocate(size_t n) {
+    reset();
+    void* p = nullptr;
+    safe_cudaMalloc(&p, n * sizeof(T));
+    p_ = (T*)p;
+    n_ = n;
+    backend_ = zk_backend();
+  }
+  void reset() {
+    if (p_) device_free(p_);
+    release();
+  }
+
+  T* get() const { return p_; }
+  size_t size() const { return n_; }
+  ZkBackend backend() const { return backend_; }
+
+ private:
+  void release() {
+    p_ = nullptr;
+    n_ = 0;
+  }
+  T* p_ = nullptr;
+  size_t n_ = 0;
+  ZkBackend backend_ = ZkBackend::Host;
+};

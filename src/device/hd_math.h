@@ -15,7 +15,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "device/hd.h"
+#include "core/hd.h"
 
 // ---------------------------------------------------------------------------
 // Bit access

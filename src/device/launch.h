@@ -5,8 +5,8 @@
 #pragma once
 #include <cstddef>
 
+#include "core/report.h"
 #include "device/cuda_general.h"
-#include "device/report.h"
 
 #if defined(ZAVIK_HAVE_CUDA) && !defined(__CUDACC__)
 #error "launch.h belongs in sources compiled by nvcc when the CUDA back end is built"

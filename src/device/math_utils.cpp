@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/report.h"
 #include "device/cuda_general.h"
 #include "device/launch.h"
-#include "device/report.h"
 
 // ===========================================================================
 // The block reduction.

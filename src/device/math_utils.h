@@ -15,7 +15,7 @@
 #pragma once
 #include <cstddef>
 
-#include "device/hd.h"
+#include "core/hd.h"
 #include "device/hd_math.h"
 
 // ===========================================================================
@@ -377,7 +377,7 @@ void hm_meanf_stdvf(const float* a, size_t n, float& mean, float& sd);
 // Mean and deviation after one more value x joins n values; returns the mean.
 double hm_update_mean_stdv_by_one_more(double& mean, double& sd, size_t n, double x);
 
-// The sum of a mask: exactly 0 ends the run ("Zero sum of mask!"), below 1e-6
+// The sum of a mask: exactly 0 throws the fatal report ("Zero sum of mask!"), below 1e-6
 // warns ("Too small sum of mask!").
 double hm_sum_check0(const float* m, size_t n);
 float hm_sumf_check0(const float* m, size_t n);

@@ -2,11 +2,11 @@
 
 #include <cstring>
 
+#include "core/report.h"
 #include "device/cuda_fft.h"
 #include "device/cuda_general.h"
 #include "device/math_utils.h"
 #include "device/process2d_raw.h"
-#include "device/report.h"
 
 namespace {
 
@@ -15,10 +15,9 @@ namespace {
 // micrograph serves every later one, bit for bit the same.
 struct ZkDisc {
   bool used;
-  bool gpu;  // the back end that holds M
   int px, py;
   float R, s;
-  float2* M;
+  ZkDeviceArray<float2> M;  // on the back end that made it
   float W;
 };
 
@@ -28,33 +27,17 @@ int g_next_slot = 0;
 
 bool same_float(float a, float b) { return memcmp(&a, &b, sizeof a) == 0; }
 
-// Device memory of the other back end is freed while that back end is in force.
 void free_disc(ZkDisc& d) {
-  if (!d.used) return;
-  const bool was_gpu = zk_on_gpu();
-  if (d.gpu != was_gpu) {
-    if (d.gpu)
-      zk_use_gpu();
-    else
-      zk_use_host();
-  }
-  device_free(d.M);
-  if (d.gpu != was_gpu) {
-    if (was_gpu)
-      zk_use_gpu();
-    else
-      zk_use_host();
-  }
+  d.M.reset();
   d.used = false;
-  d.M = nullptr;
 }
 
 // The disc centred on the half-pixel centre ((px - 1)/2, (py - 1)/2) of the
 // transform, its sum by the device tree, and its spectrum.
 const ZkDisc& get_disc(int px, int py, float R, float s) {
-  const bool gpu = zk_on_gpu();
+  const ZkBackend backend = zk_backend();
   for (const ZkDisc& d : g_discs)
-    if (d.used && d.gpu == gpu && d.px == px && d.py == py && same_float(d.R, R) && same_float(d.s, s)) return d;
+    if (d.used && d.M.backend() == backend && d.px == px && d.py == py && same_float(d.R, R) && same_float(d.s, s)) return d;
 
   ZkDisc& d = g_discs[g_next_slot];
   g_next_slot = (g_next_slot + 1) % kDiscSlots;
@@ -63,11 +46,10 @@ const ZkDisc& get_disc(int px, int py, float R, float s) {
   float* mask = d_alloc_float(n);
   hcuda_2d_generate_rmask_soft(mask, px, py, (float)(px - 1) / 2.0f, (float)(py - 1) / 2.0f, R, s);
   d.W = hcuda_fast_sum(mask, n);
-  d.M = d_alloc_float2((size_t)(px / 2 + 1) * py);
-  hcuda_2d_fft_r2c(mask, d.M, px, py);
+  d.M.allocate((size_t)(px / 2 + 1) * py);
+  hcuda_2d_fft_r2c(mask, d.M.get(), px, py);
   device_free(mask);
   d.used = true;
-  d.gpu = gpu;
   d.px = px;
   d.py = py;
   d.R = R;
@@ -99,7 +81,7 @@ void spectrum_mean(float* out, const float2* A, float2* prod, int nx, int ny, fl
   const size_t n = (size_t)px * py;
   float* work = d_alloc_float(n);
   // The division by px*py is the scale of the transform pair.
-  hcuda_c2d_multconj_norm(A, disc.M, prod, px / 2 + 1, py, (float)(px * py));
+  hcuda_c2d_multconj_norm(A, disc.M.get(), prod, px / 2 + 1, py, (float)(px * py));
   hcuda_2d_fft_c2r(prod, work, px, py);
   hcuda_2d_swap_ccf_inplace(work, px, py);
   hcuda_2d_divide_inplace(work, px, py, disc.W);

@@ -10,7 +10,7 @@
 // to the opposite side.  The disc of output pixel (x, y) is centred on
 // (x - 0.5, y - 0.5).  Even sizes.  out may be in.
 #pragma once
-#include "device/hd.h"
+#include "core/hd.h"
 
 // Device images.
 void hcuda_2d_bg_mpad(float* out, const float* in, int nx, int ny, float R, float s);

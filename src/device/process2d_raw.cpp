@@ -6,14 +6,14 @@
 #include <cstring>
 #include <vector>
 
+#include "core/report.h"
 #include "device/cuda_general.h"
 #include "device/launch.h"
 #include "device/math_utils.h"
-#include "device/report.h"
 
 namespace {
 
-// A non-fatal error line in the system's error form.
+// A non-fatal error line, in the form of the fatal report without its end.
 void error_no_exit(const char* func, const char* file, int line, const char* msg) {
   printf("Error in function %s(), file %s on line %d: %s!\n", func, file, line, msg);
 }
@@ -361,15 +361,13 @@ void hcuda_2d_multi(float* out, const float* in, int nx, int ny, float s) {
 }
 void hcuda_2d_divide(float* out, const float* in, int nx, int ny, float s) {
   if (s == 0.0f) {
-    printf("divisor must be non-zero value\n");
-    ZK_FATAL("Zero divisor");
+    ZK_FATAL_AFTER("divisor must be non-zero value\n", "Zero divisor");
   }
   ZK_LAUNCH_PIXELS(nx, ny, out[i] = zk_div(in[i], s));
 }
 void hcuda_2d_sub_divide(float* out, const float* in, int nx, int ny, float s1, float s2) {
   if (s2 == 0.0f) {
-    printf("divisor must be non-zero value\n");
-    ZK_FATAL("Zero divisor");
+    ZK_FATAL_AFTER("divisor must be non-zero value\n", "Zero divisor");
   }
   ZK_LAUNCH_PIXELS(nx, ny, out[i] = (in[i] - s1) / s2);
 }

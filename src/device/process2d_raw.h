@@ -10,8 +10,8 @@
 #pragma once
 #include <cstddef>
 
-#include "device/hd.h"
-#include "formats/boxfile.h"
+#include "core/hd.h"
+#include "core/ptcl_box.h"
 
 // An affine map of the plane: rotation part R, then translation (Tx, Ty).
 struct RT_Mat2D {
@@ -113,7 +113,7 @@ float cpu_x2d_ccc_with2maskfs(const float* a, const float* ma, const float* b, c
 void hcuda_2d_add(float* out, const float* in, int nx, int ny, float s);
 void hcuda_2d_sub(float* out, const float* in, int nx, int ny, float s);
 void hcuda_2d_multi(float* out, const float* in, int nx, int ny, float s);
-// Ends the run on a divisor of exactly 0.
+// A divisor of exactly 0 throws the fatal report.
 void hcuda_2d_divide(float* out, const float* in, int nx, int ny, float s);
 void hcuda_2d_sub_divide(float* out, const float* in, int nx, int ny, float s1, float s2);
 void hcuda_2d_add_inplace(float* a, int nx, int ny, float s);
@@ -249,7 +249,7 @@ void cpu_2ds_meanshrink(float* out, const float* in, int nx, int ny, int nz, int
 void cpu_2d_meanshrink_invert(float* out, const float* in, int nx, int ny, int s);
 void hcuda_2d_meanshrink(const float* in, float* out, int nx, int ny, int s);
 // The image at row stride max(nx, ny); the short side filled by mirroring.
-// Ends the run unless ny/2 < nx < 2ny.
+// Throws the fatal report unless ny/2 < nx < 2ny.
 void cpu_2d_extend_to_square_mirror_inplace(float* a, int nx, int ny);
 // From a separate input at row stride nx; outside the allowed sizes out stays unwritten.
 void cpu_2d_extend_to_square_mirror(float* out, const float* in, int nx, int ny);

@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "device/report.h"
+#include "core/report.h"
 
 double zk_wall_seconds() {
   timeval tv;

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "device/report.h"
+#include "core/report.h"
 
 const char* const zavik_version = "v0.56";
 const char* const zavik_updated_date = "2017-07-30";

@@ -15,7 +15,7 @@ extern const char* const ZAVIK_ALL_TIPS[ZAVIK_N_TIPS];
 void zavik_put_info(const char* prog);
 void zavik_help(const char* prog);
 void zavik_help_full(const char* prog);
-// Usage, then the fatal report with reason; status 1.
+// Usage, then throws the fatal report with reason.
 [[noreturn]] void zavik_help_exit(const char* prog, const char* reason);
 void zavik_print_valid_options();
 void zavik_put_all_tips();

@@ -4,10 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/report.h"
+#include "core/str_utils.h"
 #include "device/cuda_general.h"
-#include "device/report.h"
 #include "driver/zavik_help.h"
-#include "formats/str_utils.h"
 
 namespace {
 
@@ -114,15 +114,15 @@ void check_name_length(const char* name, const char* what) {
   if (n >= (size_t)ZK_TXT_LEN) PARA_FATAL("%s is %zu bytes long, the limit is %d bytes", what, n, ZK_TXT_LEN - 1);
 }
 
-void unrecognised_option(const char* word, int line) {
+[[noreturn]] void unrecognised_option(const char* word, int line) {
   printf("\x1b[41m\x1b[1m\x1b[5mCRITICAL ERROR:\x1b[m"
          "in function %s(), file %s on line %d. Failed to recognize option: "
          "\x1b[41m\x1b[1m\x1b[5m%s!\x1b[m"
          " Exit now. Check your input please.\n\n",
          "zavik_get_parameters", zk_basename(__FILE__), line, word);
   zavik_print_valid_options();
-  fflush(stdout);
-  exit(0);
+  // Ends the run with status 0 after the list, as a help text would.
+  zk_fail_plain("", 0);
 }
 
 }  // namespace

@@ -72,11 +72,13 @@ struct Zavik_Para {
 // them and sets every default.
 void zavik_init_parameters(int argc, Zavik_Para* para);
 // Scans argv, then finishes the record: derived defaults, derived px values,
-// the file and device checks, the warnings.  Ends the process on bad input.
+// the file and device checks, the warnings.  Bad input throws its report (an
+// unknown option with status 0, after the list of option words).
 void zavik_get_parameters(int argc, char** argv, Zavik_Para* para);
 // The three echo blocks: options as given, all values in force, the files.
 void zavik_fput_parameters(int argc, char** argv, Zavik_Para* para, FILE* fp);
-// shrink from the speed level 0..4 (1, 2, 4, 6, 8); any other level ends the run.
+// shrink from the speed level 0..4 (1, 2, 4, 6, 8); any other level throws the
+// fatal report.
 void zavik_speed2shrink(int& speed, int& shrink);
 // Releases what zavik_init_parameters allocated (not first_mic, which the
 // driver owns).

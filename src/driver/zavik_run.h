@@ -1,15 +1,21 @@
 // One run of the picker: the geometry fixed by the first usable micrograph,
 // the buffers allocated once for it, and the names and streams of the current
-// micrograph.  zavik_main owns the record; each stage below is one call of the
-// micrograph's road and works on the record only.
+// micrograph.  zavik_run owns the record; each stage below is one step of a
+// micrograph's way through the run and works on the record only.
 #pragma once
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <vector>
 
-#include "device/hd.h"
+#include "core/hd.h"
+#include "core/report.h"
+#include "core/str_utils.h"
+#include "device/cuda_general.h"
 #include "driver/zavik_para.h"
 #include "formats/boxfile.h"
 #include "formats/mrcfile.h"
-#include "formats/str_utils.h"
+#include "picking/zavik56_ice.h"
 #include "picking/zavik56_search.h"
 
 // Ways of running that leave every output byte the same.  All are on in a
@@ -19,41 +25,48 @@ struct ZkRunShortcuts {
   ZkSearchOptions search;  // kept spectra, host threads, GPU batches
   bool prefetch = true;    // the next micrograph read while the current one is searched
 };
-ZkRunShortcuts& zavik_shortcuts();
+
+struct ZkSearchBankDeleter {
+  void operator()(ZkSearchBank* b) const { zavik_search_bank_destroy(b); }
+};
+struct ZkFreeDeleter {
+  void operator()(void* p) const { free(p); }
+};
 
 struct ZkRun {
-  Zavik_Para* para;
+  Zavik_Para* para = nullptr;
+  ZkRunShortcuts shortcuts;
   MRC_HEAD head_first;  // first usable micrograph: fixes the geometry
   MRC_HEAD head;        // current micrograph
 
   // Geometry; integer divisions truncate.
-  int Nx, Ny;    // micrograph size in pixels
-  int L;         // side of the even working square, shrunk pixels
-  int Nsx, Nsy;  // true size in shrunk pixels (box filter only)
-  int G;         // grid cell side, shrunk pixels
-  int Gx, Gy;    // grid cells along x and y
-  int Tx, Ty, Nt;  // template size (shrunk pixels) and count
-  int2 origin;     // clip origin of the micrograph, (0, 0)
+  int Nx = 0, Ny = 0;    // micrograph size in pixels
+  int L = 0;             // side of the even working square, shrunk pixels
+  int Nsx = 0, Nsy = 0;  // true size in shrunk pixels (box filter only)
+  int G = 0;             // grid cell side, shrunk pixels
+  int Gx = 0, Gy = 0;    // grid cells along x and y
+  int Tx = 0, Ty = 0, Nt = 0;  // template size (shrunk pixels) and count
+  int2 origin = {0, 0};        // clip origin of the micrograph, (0, 0)
 
   // Host buffers.
-  float* h_raw;          // Nx * Ny: slice 0 as read
-  float* h_shrunk;       // L * L
-  float* h_T_all;        // Nt * Tx * Ty, from the template stage
-  float* h_T;            // Tx * Ty
-  float* h_ccmax_stack;  // Nt * L * L
-  PTCL_BOX* boxes_excluded;  // Gx * Gy records: the exclusion file, read up to that count
-  int n_excluded;
-  unsigned int* grid_index;  // Gx * Gy
-  float* grid_cc;            // Gx * Gy
-  float* grid_psi;           // Gx * Gy
+  std::vector<float> h_raw;          // Nx * Ny: slice 0 as read
+  std::vector<float> h_shrunk;       // L * L
+  std::unique_ptr<float, ZkFreeDeleter> h_T_all;  // Nt * Tx * Ty, from the template stage
+  std::vector<float> h_T;            // Tx * Ty
+  std::vector<float> h_ccmax_stack;  // Nt * L * L
+  std::vector<PTCL_BOX> boxes_excluded;  // Gx * Gy records: the exclusion file, read up to that count
+  int n_excluded = 0;
+  std::vector<unsigned int> grid_index;  // Gx * Gy
+  std::vector<float> grid_cc;            // Gx * Gy
+  std::vector<float> grid_psi;           // Gx * Gy
 
   // Device buffers.
-  float* d_T;          // Nt * Tx * Ty, template t at t * Tx * Ty
-  float* d_mic;        // L * L
-  float* d_ccmax;      // L * L
-  float* d_psi;        // L * L
-  float* d_mask;       // L * L
-  unsigned int* d_ice;  // Gx * Gy
+  ZkDeviceArray<float> d_T;  // Nt * Tx * Ty, template t at t * Tx * Ty
+  ZkDeviceArray<float> d_mic;    // L * L
+  ZkDeviceArray<float> d_ccmax;  // L * L
+  ZkDeviceArray<float> d_psi;    // L * L
+  ZkDeviceArray<float> d_mask;   // L * L
+  ZkDeviceArray<unsigned int> d_ice;  // Gx * Gy
 
   // Output names of the current micrograph, beside it.
   char box_name[ZK_TXT_LEN];
@@ -65,25 +78,44 @@ struct ZkRun {
   char bgfree_name[ZK_TXT_LEN];
   char ccmax_name[ZK_TXT_LEN];
 
-  ZkSearchBank* bank;  // the run's search, when zavik_shortcuts().run_search
+  std::unique_ptr<ZkSearchBank, ZkSearchBankDeleter> bank;  // the run's search, when shortcuts.run_search
 
-  FILE* fp_mic;        // open from reading to the end of picking
-  FILE* fp_nonunique;  // raw candidates, open through the template loop
+  ZkFilePtr fp_mic;        // open from reading to the end of picking
+  ZkFilePtr fp_nonunique;  // raw candidates, open through the template loop
 
   // Set by NORMALIZATION, with a warning, when the current micrograph has no
   // score to search: every grid cell is rejected (the mask sums to 0, so the
   // masked statistics do not exist), or the normalised image is not finite
   // (NaN or infinite samples, or no contrast).  The micrograph is not
   // searched and its results are empty.
-  int no_picks;
+  int no_picks = 0;
 };
+
+// The whole run of the picker on a command line: every message and output,
+// and the closing banner.  Failures are thrown as ZkError; zavik_main prints
+// them and turns them into the exit status.  Returns 0.
+int zavik_run(int argc, char** argv, const ZkRunShortcuts& shortcuts);
+// The program's entry: zavik_run with every shortcut on; a failure is
+// reported and gives its status (1, or 0 for an unknown option).
+int zavik_main(int argc, char** argv);
 
 // Geometry from head_first and the parameters (not G, Gx, Gy).
 void zavik_run_set_geometry(ZkRun* run);
 // G from min_dist, then Gx = Gy = ceil(L / G).
 void zavik_run_set_grid(ZkRun* run);
+// The grid, then every run-long buffer, once, for the run's geometry and
+// templates (Tx, Ty, Nt set).
+void zavik_run_allocate(ZkRun* run);
 
-// The stages of the road, in the order of their calls.
+// The ice stage's settings from the run's parameters; its cell is the run's
+// grid cell, zavik_grid_cell(para), for which d_ice is sized.
+ZkIceParams zavik_ice_params(const Zavik_Para* para);
+// The ice stage on d_mic with the settings of para, transforming the image
+// itself.  Returns 0.
+int hcuda_2d_ice_detect(const float* d_mic, int nx, int ny, int2 origin, unsigned int* d_ice, const char* mic,
+                        const Zavik_Para* para);
+
+// The stages of a micrograph, in the order of their calls.
 
 // Template stack from the template file, or the generated template: sets
 // h_T_all, Tx, Ty, Nt.

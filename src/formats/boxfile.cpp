@@ -4,33 +4,15 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
-#include "device/report.h"
+#include "core/report.h"
+#include "core/str_utils.h"
+#include "core/txt_file.h"
 #include "formats/safe_output.h"
 #include "formats/starfile.h"
-#include "formats/str_utils.h"
-#include "formats/txt_file.h"
 
 namespace {
-
-int clamp_to_int(long long v) {
-  if (v > INT_MAX) return INT_MAX;
-  if (v < INT_MIN) return INT_MIN;
-  return (int)v;
-}
-
-// Truncation towards zero of a float, saturated at the int range, NaN as 0:
-// a corrupt input never reaches an undefined conversion.
-int trunc_to_int(float v) {
-  if (v != v) return 0;
-  if (v >= 2147483648.0f) return INT_MAX;
-  if (v <= -2147483648.0f) return INT_MIN;
-  return (int)v;
-}
-
-// Centre of a record, by the one rule of both families.
-long long centre_x(const PTCL_BOX& b) { return (long long)b.x + b.w / 2; }
-long long centre_y(const PTCL_BOX& b) { return (long long)b.y + b.h / 2; }
 
 // The word of column col (from 1) of a split line, or null when absent.
 const char* column_word(char** words, int count, int col) {
@@ -89,17 +71,15 @@ int read_star_tolerant(FILE* fp, PTCL_BOX* boxes, int max, const char* name) {
     return 0;
   }
   printf("Reading %s with the tolerant STAR reader: coordinates found in table %s.\n", name, table);
-  char** words = (char**)calloc((size_t)n_cols, sizeof(char*));
-  if (!words) ZK_FATAL("memory allocation failed");
+  std::vector<char*> words((size_t)n_cols);
   char line[ZK_TXT_LEN];
   int n = 0;
   while (n < max) {
-    int count = star_read_loop_row(fp, line, words, n_cols);
+    int count = star_read_loop_row(fp, line, words.data(), n_cols);
     if (count < 0) break;
     if (count != n_cols) continue;
-    set_star_record(boxes[n++], words, count, cols[0], cols[1], cols[2], cols[3], cols[4]);
+    set_star_record(boxes[n++], words.data(), count, cols[0], cols[1], cols[2], cols[3], cols[4]);
   }
-  free(words);
   return n;
 }
 
@@ -179,8 +159,8 @@ int resize_ptcl_boxes(PTCL_BOX* boxes, int count, int box) {
   for (int i = 0; i < count; ++i) {
     PTCL_BOX& b = boxes[i];
     // C++ division truncates towards zero, as the centre rule wants.
-    b.x = clamp_to_int((long long)b.x + ((long long)b.w - box) / 2);
-    b.y = clamp_to_int((long long)b.y + ((long long)b.h - box) / 2);
+    b.x = ptcl_clamp_to_int((long long)b.x + ((long long)b.w - box) / 2);
+    b.y = ptcl_clamp_to_int((long long)b.y + ((long long)b.h - box) / 2);
     b.w = box;
     b.h = box;
   }
@@ -230,8 +210,8 @@ namespace {
 // weighted by its squared distance r2 from the particle.
 PTCL_BOX neighbor_box(long long cx, long long cy, float r2, float radius, int box) {
   PTCL_BOX b = one_new_ptcl_box();
-  b.x = clamp_to_int(cx - box / 2);
-  b.y = clamp_to_int(cy - box / 2);
+  b.x = ptcl_clamp_to_int(cx - box / 2);
+  b.y = ptcl_clamp_to_int(cy - box / 2);
   b.w = box;
   b.h = box;
   b.cc = expf(-r2 / (radius * radius / 4.5f)) * 0.3989423f;
@@ -243,7 +223,7 @@ PTCL_BOX neighbor_box(long long cx, long long cy, float r2, float radius, int bo
 }  // namespace
 
 int auto_generate_neighbor_boxes(PTCL_BOX* boxes, int max, PTCL_BOX centre, float radius, int box, int step) {
-  long long cx = centre_x(centre), cy = centre_y(centre);
+  long long cx = ptcl_centre_x(centre), cy = ptcl_centre_y(centre);
   empty_all_ptcl_boxes(boxes, max);
   // A step below 1 would never leave the disc.
   if (step < 1 || !(radius > 0.0f)) return 0;
@@ -272,21 +252,19 @@ int auto_generate_neighbor_boxes(PTCL_BOX* boxes, int max, PTCL_BOX centre, floa
 int generate_neighbor_boxes_from_boxf(PTCL_BOX* boxes, int max, PTCL_BOX centre, float radius, int box,
                                       const char* name) {
   if (max <= 0) return 0;
-  PTCL_BOX* list = (PTCL_BOX*)calloc((size_t)max, sizeof(PTCL_BOX));
-  if (!list) ZK_FATAL("memory allocation failed");
-  int n_list = read_all_ptcl_boxes(list, max, name);
-  long long cx = centre_x(centre), cy = centre_y(centre);
+  std::vector<PTCL_BOX> list((size_t)max);
+  int n_list = read_all_ptcl_boxes(list.data(), max, name);
+  long long cx = ptcl_centre_x(centre), cy = ptcl_centre_y(centre);
   empty_all_ptcl_boxes(boxes, max);
   const float r2_max = radius * radius;
   int n = 0;
   for (int k = 0; k < n_list && n < max; ++k) {
-    long long qx = centre_x(list[k]), qy = centre_y(list[k]);
+    long long qx = ptcl_centre_x(list[k]), qy = ptcl_centre_y(list[k]);
     double dx = (double)(qx - cx), dy = (double)(qy - cy);
     float r2 = (float)(dx * dx + dy * dy);
     if (r2 > r2_max) continue;
     boxes[n++] = neighbor_box(qx, qy, r2, radius, box);
   }
-  free(list);
   return n;
 }
 
@@ -308,8 +286,7 @@ void print_all_ptcl_boxes(const PTCL_BOX* boxes, int count) { put_all_boxes(stdo
 void fprint_all_ptcl_boxes(const char* name, const PTCL_BOX* boxes, int count) {
   FILE* fp = fopen(name, "w+");
   if (!fp) {
-    printf("Cannot open file %s. strike any key exit!\n", name);
-    ZK_FATAL("open file failed.");
+    ZK_FATAL_AFTER(zk_format("Cannot open file %s. strike any key exit!\n", name), "open file failed.");
   }
   put_all_boxes(fp, boxes, count);
   fclose(fp);
@@ -357,157 +334,12 @@ int auto_gridbox_2d(float* xy, int max, float step_x, float x_start, float x_end
 int auto_gridboxf_2d(const char* name, float step_x, float x_start, float x_end, float step_y, float y_start,
                      float y_end) {
   int n = auto_gridbox_2d(nullptr, 0, step_x, x_start, x_end, step_y, y_start, y_end);
-  float* xy = (float*)malloc((size_t)(n > 0 ? n : 1) * 2 * sizeof(float));
-  if (!xy) ZK_FATAL("memory allocation failed");
-  n = auto_gridbox_2d(xy, n, step_x, x_start, x_end, step_y, y_start, y_end);
+  std::vector<float> xy((size_t)(n > 0 ? n : 1) * 2);
+  n = auto_gridbox_2d(xy.data(), n, step_x, x_start, x_end, step_y, y_start, y_end);
   FILE* fp = ZK_FOPEN_WRITE(name, "w+");
   fprintf(fp, "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n");
   for (int i = 0; i < n; ++i) fprintf(fp, "%12.2f%12.2f\n", xy[2 * i], xy[2 * i + 1]);
   fprintf(fp, "\n");
   fclose(fp);
-  free(xy);
   return n;
-}
-
-namespace {
-
-// Cells larger than this are larger than any micrograph: the grid is then a
-// single ring of border cells whatever the exact size, and 2·cell² stays far
-// from the limits of the arithmetic.
-constexpr int kMaxCell = 1 << 20;
-
-// Squared distance of two positions, or -1 when it is beyond any grid.
-long long squared_distance(long long dx, long long dy) {
-  const long long big = 1LL << 31;
-  if (dx >= big || dx <= -big || dy >= big || dy <= -big) return -1;
-  return dx * dx + dy * dy;
-}
-
-}  // namespace
-
-int box_filter(int nx, int ny, float min_dist, float cc_cutoff, float shrink, int box_x, int box_y, int2 origin,
-               const char* raw_name, const char* excluded_name, const char* out_name, int mode) {
-  // The cell side, so that a cell's diagonal is at most min_dist.
-  float cell_f = 1.41421354f * min_dist / 2.0f;
-  if (!(cell_f >= 1.0f)) {
-    printf("The minimum distance of %f shrunk pixels gives a grid cell of less than 1 pixel. "
-           "Use a larger --min_dist.\n",
-           min_dist);
-    ZK_FATAL("grid cell below 1 pixel");
-  }
-  const int cell = cell_f > (float)kMaxCell ? kMaxCell : (int)cell_f;
-  const long long limit2 = 2LL * cell * cell;
-
-  FILE* fp_raw = ZK_FOPEN_READ(raw_name, "r");
-  ZkOutFile out;
-  FILE* fp = zk_out_open(out, out_name);
-
-  const long long ncx = nx > 0 ? ((long long)nx + cell - 1) / cell : 0;
-  const long long ncy = ny > 0 ? ((long long)ny + cell - 1) / cell : 0;
-  const long long n_cells = ncx * ncy;
-  if (n_cells > INT_MAX) ZK_FATAL("too many grid cells for the box filter");
-  const size_t alloc_cells = n_cells > 0 ? (size_t)n_cells : 1;
-  uint32_t* cell_pos = (uint32_t*)calloc(alloc_cells, sizeof(uint32_t));
-  int32_t* cell_class = (int32_t*)malloc(alloc_cells * sizeof(int32_t));
-  float* cell_cc = (float*)calloc(alloc_cells, sizeof(float));
-  float* cell_psi = (float*)calloc(alloc_cells, sizeof(float));
-  if (!cell_pos || !cell_class || !cell_cc || !cell_psi) ZK_FATAL("memory allocation failed");
-  for (long long c = 0; c < n_cells; ++c) cell_class[c] = -1;
-
-  // 1. Binning: the best candidate of every cell, the first of equal scores.
-  char line[ZK_TXT_LEN];
-  char* words[7];
-  while (zk_read_text_line(line, fp_raw) > 0) {
-    // The raw file is the system's own, seven words a line; anything shorter
-    // is no candidate and is passed over.
-    if (strnsplit_inplace_byspace(line, words, 7) < 7) continue;
-    PTCL_BOX b = one_new_ptcl_box();
-    b.x = zk_atoi(words[0]);
-    b.y = zk_atoi(words[1]);
-    b.w = zk_atoi(words[2]);
-    b.h = zk_atoi(words[3]);
-    float cc = zk_atof(words[4]);
-    int t = zk_atoi(words[5]);
-    float psi = zk_atof(words[6]);
-    long long px = centre_x(b), py = centre_y(b);
-    // A centre outside the grid (mirrored part of the search square, or a
-    // negative position) takes no cell.
-    if (px < 0 || py < 0) continue;
-    long long gx = px / cell, gy = py / cell;
-    if (gx >= ncx || gy >= ncy) continue;
-    long long c = gy * ncx + gx;
-    if (cc > cell_cc[c]) {
-      cell_pos[c] = (uint32_t)(py * nx + px);
-      cell_class[c] = t;
-      cell_cc[c] = cc;
-      cell_psi[c] = psi;
-    }
-  }
-  fclose(fp_raw);
-
-  // 2 and 3. Competition of the eight neighbours in raster order, seeing the
-  // removals already made, then the score cutoff.  On the outer ring a
-  // missing neighbour falls back to the cell itself, which defeats it.
-  const uint32_t unx = (uint32_t)(nx > 0 ? nx : 1);
-  for (long long cy = 0; cy < ncy; ++cy) {
-    const long long ym = cy > 0 ? cy - 1 : cy, yp = cy < ncy - 1 ? cy + 1 : cy;
-    for (long long cx = 0; cx < ncx; ++cx) {
-      const long long c = cy * ncx + cx;
-      if (cell_pos[c] == 0) continue;  // empty or removed: nothing to decide
-      const long long xm = cx > 0 ? cx - 1 : cx, xp = cx < ncx - 1 ? cx + 1 : cx;
-      const long long nb[8][2] = {{cx, ym}, {cx, yp}, {xm, cy}, {xp, cy}, {xm, ym}, {xp, ym}, {xm, yp}, {xp, yp}};
-      const long long ppx = cell_pos[c] % unx, ppy = cell_pos[c] / unx;
-      bool lost = false;
-      for (int k = 0; k < 8 && !lost; ++k) {
-        const long long o = nb[k][1] * ncx + nb[k][0];
-        const long long qx = cell_pos[o] % unx, qy = cell_pos[o] / unx;
-        const long long d2 = squared_distance(ppx - qx, ppy - qy);
-        if (d2 >= 0 && d2 < limit2 && !(cell_cc[c] > cell_cc[o])) lost = true;
-      }
-      if (lost || cell_cc[c] < cc_cutoff) cell_pos[c] = 0;
-    }
-  }
-
-  // 4. Exclusion list, at most one record per cell.
-  PTCL_BOX* excluded = (PTCL_BOX*)calloc(alloc_cells, sizeof(PTCL_BOX));
-  if (!excluded) ZK_FATAL("memory allocation failed");
-  int n_excluded = 0;
-  if (!is_str_null(excluded_name) && check_file_access(excluded_name, "FR") == 0)
-    n_excluded = read_all_ptcl_boxes(excluded, (int)n_cells, excluded_name);
-  if (mode == 1) output_starbox_head(fp);
-
-  const float ex_limit = (float)limit2 * shrink * shrink;
-  const int hx = box_x / 2, hy = box_y / 2;
-  const float x_end = (float)nx * shrink - (float)hx, y_end = (float)ny * shrink - (float)hy;
-  for (long long c = 0; c < n_cells; ++c) {
-    if (cell_pos[c] == 0) continue;
-    const float fx = (float)(cell_pos[c] % unx) * shrink, fy = (float)(cell_pos[c] / unx) * shrink;
-    const long long X = trunc_to_int(fx), Y = trunc_to_int(fy);
-    for (int k = 0; k < n_excluded; ++k) {
-      const long long d2 = squared_distance(origin.x + X - centre_x(excluded[k]), origin.y + Y - centre_y(excluded[k]));
-      if (d2 >= 0 && (float)d2 < ex_limit) {
-        cell_pos[c] = 0;
-        break;
-      }
-    }
-    // 5. Edge test: the whole box strictly inside the true micrograph.
-    if (cell_class[c] == -1 || cell_pos[c] == 0) continue;
-    if (!(fx < x_end && fy < y_end && fx > (float)hx && fy > (float)hy)) continue;
-    // 6. Output in cell order, in raw pixels.
-    if (mode == 1)
-      write_zavik_star_line(fp, clamp_to_int(X + origin.x), clamp_to_int(Y + origin.y), cell_psi[c], cell_class[c],
-                            cell_cc[c]);
-    else
-      write_zavik_box_line(fp, clamp_to_int((long long)trunc_to_int(fx - (float)hx) + origin.x),
-                           clamp_to_int((long long)trunc_to_int(fy - (float)hy) + origin.y), box_x, box_y,
-                           cell_cc[c], cell_class[c], cell_psi[c]);
-  }
-
-  free(excluded);
-  free(cell_pos);
-  free(cell_class);
-  free(cell_cc);
-  free(cell_psi);
-  zk_out_commit(out);
-  return 0;
 }

@@ -1,39 +1,17 @@
 // Particle coordinates: the extended EMAN .box family and the RELION .star
-// family, the record that holds one particle, the line formats of every
-// coordinate file the run writes, and the box filter that turns the raw
-// candidates of a micrograph into its final picks.
+// family, and the line formats of every coordinate file the picker writes.
 #pragma once
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
-#include "device/hd.h"
-
-// One particle.  x, y is the box corner of smallest x and y (the centre in a
-// record read from a .star file, whose w and h are 0); the centre is always
-// (x + w / 2, y + h / 2) with truncating division.
-struct PTCL_BOX {
-  int32_t x;
-  int32_t y;
-  int32_t w;
-  int32_t h;
-  float cc;              // figure of merit; the neighbour generators store a weight
-  int32_t class_number;  // the template index, from 0, in the system's own picks
-  float psi;             // in-plane angle, degrees
-  float dist;            // distance from the centre box (neighbour generators only)
-};
-static_assert(sizeof(PTCL_BOX) == 32, "PTCL_BOX is eight 32-bit fields");
-static_assert(offsetof(PTCL_BOX, x) == 0 && offsetof(PTCL_BOX, y) == 4 && offsetof(PTCL_BOX, w) == 8 &&
-                  offsetof(PTCL_BOX, h) == 12 && offsetof(PTCL_BOX, cc) == 16 &&
-                  offsetof(PTCL_BOX, class_number) == 20 && offsetof(PTCL_BOX, psi) == 24 &&
-                  offsetof(PTCL_BOX, dist) == 28,
-              "PTCL_BOX field order");
+#include "core/ptcl_box.h"
 
 // The ceiling of one record array.
 constexpr int ZK_MAX_PTCL_BOXES = 10000000;
 
 // Fills boxes (room for max records) from a .box or .star file and returns
-// the number of records read.  A file that does not open ends the process; a
+// the number of records read.  A file that does not open throws its report; a
 // .box line of one to three words ends it with "unrecognized box format!".
 int read_all_ptcl_boxes(PTCL_BOX* boxes, int max, const char* name);
 // 1 for a name ending in ".star", 2 for ".box", 0 otherwise (case counts).
@@ -85,11 +63,3 @@ int auto_gridbox_2d(float* xy, int max, float step_x, float x_start, float x_end
 // Writes those points as a .star file of two columns.
 int auto_gridboxf_2d(const char* name, float step_x, float x_start, float x_end, float step_y, float y_start,
                      float y_end);
-
-// Merges the raw candidates of raw_name (written template by template in
-// shrunk pixels) into the final picks of out_name: one candidate per grid
-// cell, competition of neighbouring cells, score cutoff, exclusion list, edge
-// test, then raw pixels.  mode 1 writes the .star form, any other the box
-// form.  out_name appears only when complete.  Returns 0.
-int box_filter(int nx, int ny, float min_dist, float cc_cutoff, float shrink, int box_x, int box_y, int2 origin,
-               const char* raw_name, const char* excluded_name, const char* out_name, int mode);

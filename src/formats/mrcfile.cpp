@@ -5,11 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
+#include <vector>
 
-#include "device/cuda_general.h"
-#include "device/process2d_raw_extract.h"
-#include "device/report.h"
-#include "formats/boxfile.h"
+#include "core/report.h"
 #include "formats/safe_output.h"
 
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the samples are taken as little-endian host memory");
@@ -232,10 +230,6 @@ void max_min_mean(const float* a, size_t n, float& mx, float& mn, float& mean) {
   mean = (float)(sum / (double)n);
 }
 
-size_t head_samples(const MRC_HEAD* head) {
-  if (head->nx <= 0 || head->ny <= 0 || head->nz <= 0) return 0;
-  return (size_t)head->nx * (size_t)head->ny * (size_t)head->nz;
-}
 
 void* alloc_or_die(size_t bytes, const char* func, int line) {
   void* p = malloc(bytes ? bytes : 1);
@@ -270,6 +264,11 @@ int mrc_mode_bytes(int mode) {
 bool mrc_mode_readable(int mode) { return mode == 0 || mode == 1 || mode == 2 || mode == 6 || mode == 12; }
 
 bool mrc_head_big_endian(const MRC_HEAD* head) { return head->stamp[0] == 0x11; }
+
+size_t mrc_head_samples(const MRC_HEAD* head) {
+  if (head->nx <= 0 || head->ny <= 0 || head->nz <= 0) return 0;
+  return (size_t)head->nx * (size_t)head->ny * (size_t)head->nz;
+}
 
 // ---------------------------------------------------------------- reading
 
@@ -317,7 +316,7 @@ int mrc_check_fsize(FILE* fp, const MRC_HEAD* head) {
 }
 
 int mrc_read_all_nocheck(FILE* fp, const MRC_HEAD* head, float* dst) {
-  const size_t n = head_samples(head);
+  const size_t n = mrc_head_samples(head);
   if (n == 0) return 0;
   fseek(fp, MRC_HEAD_BYTES, SEEK_SET);
   if (head->mode == MRC_MODE_FLOAT) {
@@ -343,24 +342,21 @@ int mrc_read_all(FILE* fp, const MRC_HEAD* head, float* dst) {
 }
 
 MRC_HEAD* get_mrcf_head(const char* name) {
-  FILE* fp = ZK_FOPEN_READ(name, "rb");
+  ZkFilePtr fp(ZK_FOPEN_READ(name, "rb"));
   MRC_HEAD* head = mrc_new_head();
-  mrc_read_head(fp, head);
-  fclose(fp);
+  mrc_read_head(fp.get(), head);
   return head;
 }
 
 float* get_mrcf_data_all(const char* name) {
-  FILE* fp = ZK_FOPEN_READ(name, "rb");
-  MRC_HEAD* head = mrc_new_head();
-  mrc_read_head(fp, head);
+  ZkFilePtr fp(ZK_FOPEN_READ(name, "rb"));
+  MRC_HEAD head;
+  mrc_read_head(fp.get(), &head);
   // The size check comes before the allocation, so that a head with absurd
   // sizes ends the run with the size report instead of a huge request.
-  if (mrc_check_fsize(fp, head) != 0) ZK_FATAL("File size error!");
-  float* data = (float*)ZK_ALLOC(head_samples(head) * sizeof(float));
-  mrc_read_all(fp, head, data);
-  free(head);
-  fclose(fp);
+  if (mrc_check_fsize(fp.get(), &head) != 0) ZK_FATAL("File size error!");
+  float* data = (float*)ZK_ALLOC(mrc_head_samples(&head) * sizeof(float));
+  mrc_read_all(fp.get(), &head, data);
   return data;
 }
 
@@ -448,16 +444,15 @@ int check_mrc_head_sizes_two(const char* first_mic, const char* mic, const MRC_H
   if (head_first->nx == head->nx && head_first->ny == head->ny && head_first->nz == head->nz &&
       head_first->mode == head->mode)
     return 0;
-  printf(
+  std::string lines = zk_format(
       "Micrograph \x1b[1m%s\x1b[m has a different size or format from  \x1b[1m%s\x1b[m.\nCheck if all the "
       "micrographs are the same sizes and format? \n ",
       first_mic, mic);
-  printf("      Nx      Ny      Nz      Mode             File:\n");
-  printf("      %-8d%-8d%-8d%-18s  %s\n", head_first->nx, head_first->ny, head_first->nz, mrc_get_head_mode(head_first),
-         first_mic);
-  printf("      %-8d%-8d%-8d%-18s  %s\n", head->nx, head->ny, head->nz, mrc_get_head_mode(head), mic);
-  fflush(stdout);
-  exit(1);
+  lines += "      Nx      Ny      Nz      Mode             File:\n";
+  lines += zk_format("      %-8d%-8d%-8d%-18s  %s\n", head_first->nx, head_first->ny, head_first->nz,
+                     mrc_get_head_mode(head_first), first_mic);
+  lines += zk_format("      %-8d%-8d%-8d%-18s  %s\n", head->nx, head->ny, head->nz, mrc_get_head_mode(head), mic);
+  zk_fail_plain(lines);
 }
 
 // ---------------------------------------------------------------- writing
@@ -523,7 +518,7 @@ int mrc_write_head(FILE* fp, const MRC_HEAD* head) {
 }
 
 int mrc_write_head_data(FILE* fp, MRC_HEAD* head, const float* data) {
-  const size_t n = head_samples(head);
+  const size_t n = mrc_head_samples(head);
   max_min_mean(data, n, head->amax, head->amin, head->amean);
   if (head->mode != MRC_MODE_FLOAT)
     ZK_FATAL("mrc_write_head_alldata() does not support writing float data to other MRC format.");
@@ -535,36 +530,15 @@ int mrc_write_head_data(FILE* fp, MRC_HEAD* head, const float* data) {
   return 0;
 }
 
-int mrc_write_head_ddata(FILE* fp, MRC_HEAD* head, const float* d_data) {
-  if (head->mode != MRC_MODE_FLOAT)
-    ZK_FATAL("mrc_write_head_alldata() does not support writing float data to other MRC format.");
-  const size_t n = head_samples(head);
-  float* h = (float*)ZK_ALLOC(n * sizeof(float));
-  if (n > 0) ZK_CHECK(memcpy_D2H(h, d_data, n * sizeof(float)));
-  mrc_write_head_data(fp, head, h);
-  free(h);
-  return 0;
-}
-
 int mrcf_write_xyz_data(const char* name, const float* data, int nx, int ny, int nz) {
-  MRC_HEAD* head = mrc_new_head();
+  MRC_HEAD head;
+  memset(&head, 0, sizeof head);
+  mrc_init_head(&head);
   ZkOutFile out;
   FILE* fp = zk_out_open(out, name);
-  mrc_set_head_xyz_mode(head, nx, ny, nz, MRC_MODE_FLOAT);
-  mrc_set_head_mmm_from_data(head, data, (uint32_t)head_samples(head));
-  mrc_write_head_data(fp, head, data);
-  free(head);
-  zk_out_commit(out);
-  return 0;
-}
-
-int mrcf_write_xyz_ddata(const char* name, const float* d_data, int nx, int ny, int nz) {
-  MRC_HEAD* head = mrc_new_head();
-  ZkOutFile out;
-  FILE* fp = zk_out_open(out, name);
-  mrc_set_head_xyz_mode(head, nx, ny, nz, MRC_MODE_FLOAT);
-  mrc_write_head_ddata(fp, head, d_data);
-  free(head);
+  mrc_set_head_xyz_mode(&head, nx, ny, nz, MRC_MODE_FLOAT);
+  mrc_set_head_mmm_from_data(&head, data, (uint32_t)mrc_head_samples(&head));
+  mrc_write_head_data(fp, &head, data);
   zk_out_commit(out);
   return 0;
 }
@@ -623,14 +597,6 @@ int mrcf_write_head_data(const char* name, MRC_HEAD* head, const float* data) {
   return 0;
 }
 
-int mrcf_write_head_ddata(const char* name, MRC_HEAD* head, const float* d_data) {
-  ZkOutFile out;
-  FILE* fp = zk_out_open(out, name);
-  mrc_write_head_ddata(fp, head, d_data);
-  zk_out_commit(out);
-  return 0;
-}
-
 int mrc_set_head_xyz(MRC_HEAD* head, int nx, int ny, int nz) {
   head->nx = nx;
   head->ny = ny;
@@ -679,7 +645,7 @@ int mrcf_update_head(const char* name) {
   MRC_HEAD head;
   FILE* fp = ZK_FOPEN_READ(name, "rb");
   mrc_read_head(fp, &head);
-  if (mrc_mode_readable(head.mode) && head_samples(&head) > 0) {
+  if (mrc_mode_readable(head.mode) && mrc_head_samples(&head) > 0) {
     printf("updating head!\n");
     const size_t plane = (size_t)head.nx * (size_t)head.ny;
     float* buf = (float*)ZK_ALLOC(plane * sizeof(float));
@@ -696,7 +662,7 @@ int mrcf_update_head(const char* name) {
     free(buf);
     head.amin = (float)mn;
     head.amax = (float)mx;
-    head.amean = (float)(sum / (double)head_samples(&head));
+    head.amean = (float)(sum / (double)mrc_head_samples(&head));
     fclose(fp);
     mrc_replace_head(name, &head);
     printf("updating head finished!\n");
@@ -843,11 +809,7 @@ bool is_mrc_square(const MRC_HEAD* head) { return head->nx == head->ny; }
 bool is_mrc_cube(const MRC_HEAD* head) { return head->nx == head->ny && head->nx == head->nz; }
 
 int mrc_read_sub_area(FILE* fp, const MRC_HEAD* head, float* dst, int x0, int y0, int z0, int w, int h, int d) {
-  if (head->mode != MRC_MODE_FLOAT) {
-    printf("File Mode must be MRC_MODE_FLOAT!Exit now!\n");
-    fflush(stdout);
-    exit(1);
-  }
+  if (head->mode != MRC_MODE_FLOAT) zk_fail_plain("File Mode must be MRC_MODE_FLOAT!Exit now!\n");
   if (w < 0 || h < 0 || d < 0 || x0 < 0 || y0 < 0 || z0 < 0 || (long long)x0 + w > head->nx ||
       (long long)y0 + h > head->ny || (long long)z0 + d > head->nz) {
     ZK_WARNING("Area out of the image");
@@ -867,11 +829,7 @@ int mrc_2d_read_sub_area(FILE* fp, const MRC_HEAD* head, float* dst, int x0, int
 }
 
 int mrc_2d_read_grids(FILE* fp, const MRC_HEAD* head, float* dst, int box, int step) {
-  if (head->mode != MRC_MODE_FLOAT) {
-    printf("File Mode must be MRC_MODE_FLOAT!Exit now!\n");
-    fflush(stdout);
-    exit(1);
-  }
+  if (head->mode != MRC_MODE_FLOAT) zk_fail_plain("File Mode must be MRC_MODE_FLOAT!Exit now!\n");
   if (box <= 0 || step <= 0 || box > head->nx || box > head->ny) return 0;
   const int gx = (head->nx - box) / step + 1;
   const int gy = (head->ny - box) / step + 1;
@@ -884,91 +842,37 @@ int mrc_2d_read_grids(FILE* fp, const MRC_HEAD* head, float* dst, int box, int s
 
 int mrc_flipyz(const char* in, const char* out) {
   MRC_HEAD head;
-  FILE* fin = ZK_FOPEN_READ(in, "rb");
-  mrc_read_head(fin, &head);
-  MRC_HEAD* ho = mrc_new_head();
-  mrc_set_head_xyz_mode(ho, head.nx, head.nz, head.ny, MRC_MODE_FLOAT);
+  ZkFilePtr fin(ZK_FOPEN_READ(in, "rb"));
+  mrc_read_head(fin.get(), &head);
+  MRC_HEAD ho;
+  memset(&ho, 0, sizeof ho);
+  mrc_init_head(&ho);
+  mrc_set_head_xyz_mode(&ho, head.nx, head.nz, head.ny, MRC_MODE_FLOAT);
   ZkOutFile of;
   FILE* fp = zk_out_open(of, out);
   // The head is written first and again at the end with the extremes found.
-  mrc_write_head(fp, ho);
+  mrc_write_head(fp, &ho);
   printf("\nBegin flipping:");
   const size_t plane = (head.nx > 0 && head.nz > 0) ? (size_t)head.nx * (size_t)head.nz : 0;
-  float* buf = (float*)ZK_ALLOC(plane * sizeof(float));
+  std::vector<float> buf(plane + 1);
   double sum = 0.0;
   bool first = true;
   for (int y = 0; y < head.ny && plane > 0; ++y) {
-    mrc_read_slice(fin, &head, y, 'y', buf);
+    mrc_read_slice(fin.get(), &head, y, 'y', buf.data());
     for (size_t i = 0; i < plane; ++i) {
-      if (first || buf[i] < ho->amin) ho->amin = buf[i];
-      if (first || buf[i] > ho->amax) ho->amax = buf[i];
+      if (first || buf[i] < ho.amin) ho.amin = buf[i];
+      if (first || buf[i] > ho.amax) ho.amax = buf[i];
       first = false;
       sum += buf[i];
     }
-    mrc_add_slice(fp, ho, buf);
+    mrc_add_slice(fp, &ho, buf.data());
   }
   const size_t n = plane * (size_t)(head.ny > 0 ? head.ny : 0);
-  ho->amean = n ? (float)(sum / (double)n) : 0.0f;
-  if (n == 0) ho->amin = ho->amax = 0.0f;
-  mrc_write_head(fp, ho);
-  free(buf);
-  free(ho);
-  fclose(fin);
+  ho.amean = n ? (float)(sum / (double)n) : 0.0f;
+  if (n == 0) ho.amin = ho.amax = 0.0f;
+  mrc_write_head(fp, &ho);
+  fin.reset();
   zk_out_commit(of);
   printf("\nflipping finished!");
   return 0;
-}
-
-namespace {
-// Slice 0 of a vetted micrograph and its box list; image and boxes are new.
-int read_image_and_boxes(const char* name, const char* boxf, MRC_HEAD* head, float*& image, PTCL_BOX*& boxes) {
-  FILE* fp = ZK_FOPEN_READ(name, "rb");
-  mrc_read_head(fp, head);
-  if (mrc_vet_micrograph(name, fp, head) != 0) {
-    fclose(fp);
-    return -1;
-  }
-  image = (float*)ZK_ALLOC((size_t)head->nx * (size_t)head->ny * sizeof(float));
-  mrc_read_slice(fp, head, 0, 'z', image);
-  fclose(fp);
-  boxes = (PTCL_BOX*)ZK_ALLOC(sizeof(PTCL_BOX) * ZK_EXTRACT_MAX_BOXES);
-  return read_all_ptcl_boxes(boxes, ZK_EXTRACT_MAX_BOXES, boxf);
-}
-}  // namespace
-
-int mrcf_2d_read_ptcls_to_data_from_boxf(float* dst, const char* name, const char* boxf) {
-  MRC_HEAD head;
-  float* image = nullptr;
-  PTCL_BOX* boxes = nullptr;
-  const int n = read_image_and_boxes(name, boxf, &head, image, boxes);
-  if (n < 0) return -1;
-  const int copied = host_2d_read_ptcls_to_2ds_from_boxes(dst, boxes, n, image, head.nx, head.ny);
-  free(boxes);
-  free(image);
-  return copied;
-}
-
-int mrcf_2d_read_ptcls_to_mrcf_from_boxf(const char* out, const char* name, const char* boxf) {
-  MRC_HEAD head;
-  float* image = nullptr;
-  PTCL_BOX* boxes = nullptr;
-  const int n = read_image_and_boxes(name, boxf, &head, image, boxes);
-  if (n < 0) return -1;
-  const int w = n > 0 && boxes[0].w > 0 ? boxes[0].w : 0;
-  const int h = n > 0 && boxes[0].h > 0 ? boxes[0].h : 0;
-  const size_t small = (size_t)w * h;
-  float* stack = (float*)ZK_ALLOC((size_t)n * small * sizeof(float));
-  const int copied = host_2d_read_ptcls_to_2ds_from_boxes(stack, boxes, n, image, head.nx, head.ny);
-  // Only the copied images go out, closed up in the list's order.
-  int k = 0;
-  for (int p = 0; p < n && small > 0; ++p)
-    if (ptcl_box_inside_image(boxes[p], w, h, head.nx, head.ny)) {
-      if (k != p) memmove(stack + k * small, stack + p * small, small * sizeof(float));
-      ++k;
-    }
-  mrcf_write_xyz_data(out, stack, w, h, copied);
-  free(stack);
-  free(boxes);
-  free(image);
-  return copied;
 }

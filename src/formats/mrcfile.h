@@ -107,6 +107,8 @@ int mrc_mode_bytes(int mode);
 bool mrc_mode_readable(int mode);
 // True when the head describes a big-endian file (machine stamp 0x11 ...).
 bool mrc_head_big_endian(const MRC_HEAD* head);
+// nx * ny * nz, or 0 when a size is not positive.
+size_t mrc_head_samples(const MRC_HEAD* head);
 
 // ---- Reading ----
 
@@ -126,14 +128,14 @@ long get_file_size(FILE* fp);
 // 0 when the file holds exactly 1024 bytes plus the samples the head
 // promises, else -1 with a message.
 int mrc_check_fsize(FILE* fp, const MRC_HEAD* head);
-// mrc_check_fsize (a failure ends the process), then all samples into dst.
+// mrc_check_fsize (a failure throws the fatal report), then all samples into dst.
 // Returns 0, or -1 when a mode 2 read yields nothing.
 int mrc_read_all(FILE* fp, const MRC_HEAD* head, float* dst);
 int mrc_read_all_nocheck(FILE* fp, const MRC_HEAD* head, float* dst);
 // The head of the named file, newly allocated.
 MRC_HEAD* get_mrcf_head(const char* name);
 // All samples of the named file as floats, newly allocated.  A file whose
-// size differs from its head ends the process.
+// size differs from its head throws the fatal report.
 float* get_mrcf_data_all(const char* name);
 // "x", "y", "z", "xy"/"yx", "xz"/"zx", "yz"/"zy", "xyz", any letter case.
 // Another keyword prints the error and the valid keywords and gives 0.
@@ -146,7 +148,7 @@ const char* mrc_get_head_mode(const MRC_HEAD* head);
 // sizes that are not positive or too large for 32-bit pixel indices, modes
 // that cannot be read, and files too short for slice 0.
 int mrc_vet_micrograph(const char* name, FILE* fp, const MRC_HEAD* head);
-// 0 when nx, ny, nz and mode agree; otherwise the report and status 1.
+// 0 when nx, ny, nz and mode agree; otherwise throws the two heads as a table.
 int check_mrc_head_sizes_two(const char* first_mic, const char* mic, const MRC_HEAD* head_first, const MRC_HEAD* head);
 
 // ---- Writing ----
@@ -162,14 +164,12 @@ int mrc_set_head_mmm_from_data(MRC_HEAD* head, const float* data, uint32_t count
 // the head's stamp declares; warns when "MAP" is missing.  Returns 0.
 int mrc_write_head(FILE* fp, const MRC_HEAD* head);
 // amin, amax, amean from the data, then head and nz planes of nx by ny floats.
-// Mode must be 2 (else status 1); the head is given the little-endian stamp.
+// Mode must be 2 (else the fatal report); the head is given the little-endian
+// stamp.
 int mrc_write_head_data(FILE* fp, MRC_HEAD* head, const float* data);
-// The same for data in device memory.
-int mrc_write_head_ddata(FILE* fp, MRC_HEAD* head, const float* d_data);
 // A new mode 2 file of nx by ny by nz floats.  The file appears under its name
-// only when complete; a failed write ends the run with status 1.
+// only when complete; a failed write throws its report.
 int mrcf_write_xyz_data(const char* name, const float* data, int nx, int ny, int nz);
-int mrcf_write_xyz_ddata(const char* name, const float* d_data, int nx, int ny, int nz);
 
 // ---- Library ----
 
@@ -186,9 +186,8 @@ int mrcf_io_open_io_read_write_head(const char* in, const char* out, FILE*& fp_i
 // Closes both streams (null allowed) and frees both heads.
 int mrc_io_close_io_free_head(FILE* fp_in, FILE* fp_out, MRC_HEAD* head_in, MRC_HEAD* head_out);
 int mrc_io_close_io_free_head_data(FILE* fp_in, FILE* fp_out, MRC_HEAD* head_in, MRC_HEAD* head_out, float* data);
-// File-name forms of mrc_write_head_data / mrc_write_head_ddata, written safely.
+// File-name form of mrc_write_head_data, written safely.
 int mrcf_write_head_data(const char* name, MRC_HEAD* head, const float* data);
-int mrcf_write_head_ddata(const char* name, MRC_HEAD* head, const float* d_data);
 int mrc_set_head_xyz(MRC_HEAD* head, int nx, int ny, int nz);
 int mrc_set_head_mode(MRC_HEAD* head, int mode);
 // Sizes and amin, amax, amean; max below min makes the two change places.
@@ -213,7 +212,8 @@ int mrcf_read_slice_check_xy_cid(const char* name, int slice, char axis, float* 
 float* get_mrcf_data_sliceN(const char* name, int n);
 int get_mrcf_head_data(const char* name, MRC_HEAD* head, float* dst);
 int mrcf_read_all(const char* name, float* dst);
-// The size check first (a failure ends the process), then as mrc_read_slice.
+// The size check first (a failure throws the fatal report), then as
+// mrc_read_slice.
 int mrc_read_slice_double(FILE* fp, const MRC_HEAD* head, int slice, char axis, double* dst);
 // The same into bytes: v becomes (amax - v) * 255 / (amax - amin), truncated
 // and held to 0 .. 255; 0 when amax equals amin.
@@ -223,7 +223,7 @@ int mrc_add_slice(FILE* fp, const MRC_HEAD* head, const float* data);
 int mrc_check_even_size(const MRC_HEAD* head);
 bool is_mrc_square(const MRC_HEAD* head);
 bool is_mrc_cube(const MRC_HEAD* head);
-// Mode 2 only (else status 1): a box of w by h by d samples from (x0, y0, z0).
+// Mode 2 only (else a report): a box of w by h by d samples from (x0, y0, z0).
 // -1 with a warning when the box does not lie inside the volume.
 int mrc_read_sub_area(FILE* fp, const MRC_HEAD* head, float* dst, int x0, int y0, int z0, int w, int h, int d);
 int mrc_2d_read_sub_area(FILE* fp, const MRC_HEAD* head, float* dst, int x0, int y0, int w, int h);
@@ -233,13 +233,3 @@ int mrc_2d_read_sub_area(FILE* fp, const MRC_HEAD* head, float* dst, int x0, int
 int mrc_2d_read_grids(FILE* fp, const MRC_HEAD* head, float* dst, int box, int step);
 // A mode 2 file of size (nx, nz, ny): the slices along y of in, one by one.
 int mrc_flipyz(const char* in, const char* out);
-// The first slice of the micrograph name and up to 10240 boxes of boxf, all
-// with the size of the first box.  The boxes that lie wholly inside the image
-// are copied to their places p * w * h of dst; the others get a warning and
-// their places stay unwritten.  Returns the number copied, -1 when the
-// micrograph cannot be read.
-int mrcf_2d_read_ptcls_to_data_from_boxf(float* dst, const char* name, const char* boxf);
-// The same into a new mode 2 stack file out, which holds only the copied
-// boxes, in the list's order (a stack meant for classification gets no empty
-// images).  Returns the number of images written, -1 as above.
-int mrcf_2d_read_ptcls_to_mrcf_from_boxf(const char* out, const char* name, const char* boxf);

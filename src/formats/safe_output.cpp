@@ -7,11 +7,12 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "device/report.h"
+#include "core/report.h"
 
 namespace {
 
-// Temporary files still open; removed if the process ends through exit().
+// Temporary files still open; removed if the process ends through exit()
+// or a stop signal before their records are gone.
 constexpr int kMaxOpen = 64;
 char g_open[kMaxOpen][ZK_TXT_LEN + 32];
 bool g_hooked = false;
@@ -54,8 +55,8 @@ void untrack(const char* tmp) {
 }
 
 [[noreturn]] void write_failed(ZkOutFile& out, const char* func, int line) {
-  printf("Cannot write to file %s. Permission denied or no space left!\n", out.final_name);
-  zk_fatal(func, zk_basename(__FILE__), line, "open file failed.");
+  zk_fatal_after(zk_format("Cannot write to file %s. Permission denied or no space left!\n", out.final_name), func,
+                 zk_basename(__FILE__), line, "open file failed.");
 }
 
 }  // namespace

@@ -4,8 +4,10 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
-#include "device/report.h"
+#include "core/report.h"
+#include "core/txt_file.h"
 
 const char STAR_HEAD_KEYWORDS[STAR_N_KEYWORDS + 1][STAR_LABEL_LEN] = {
     "_rlnComment",
@@ -255,29 +257,6 @@ bool is_label_line(char** words, int count) {
 
 }  // namespace
 
-long zk_read_text_line(char* line, FILE* stream) {
-  empty_txt_line(line);
-  long taken = 0;
-  int kept = 0;
-  int c;
-  while ((c = getc(stream)) != EOF) {
-    ++taken;
-    if (kept < ZK_TXT_LEN - 1) line[kept++] = (char)c;
-    if (c == '\n') break;
-  }
-  return taken;
-}
-
-int zk_atoi(const char* word) {
-  errno = 0;
-  long v = strtol(word, nullptr, 10);
-  if (v > INT_MAX) return INT_MAX;
-  if (v < INT_MIN) return INT_MIN;
-  return (int)v;
-}
-
-float zk_atof(const char* word) { return (float)strtod(word, nullptr); }
-
 void particle_info_init(ParticleInfo* info) {
   memset(info, 0, sizeof(ParticleInfo));
   info->Bfactor = 200.0f;
@@ -414,10 +393,9 @@ int set_info_index_from_star_head(const StarHead* head, ParticleInfoIndex* index
 }
 
 int set_info_index_from_starf(const char* name, ParticleInfoIndex* index) {
-  StarHead* head = star_head_new();
-  starf_read_head(name, head);
-  set_info_index_from_star_head(head, index);
-  free(head);
+  std::unique_ptr<StarHead, decltype(&free)> head(star_head_new(), &free);
+  starf_read_head(name, head.get());
+  set_info_index_from_star_head(head.get(), index);
   return 0;
 }
 

@@ -1,14 +1,14 @@
 // STAR tables as the RELION workflow exchanges them.  The reader takes a
 // narrow view of the format: one table per file, a head of labels numbered
 // "#n", then data lines of white-space separated words.  Callers get the
-// labels (StarHead), the columns of the labels the system reads
+// labels (StarHead), the columns of the labels the readers use
 // (ParticleInfoIndex) and a way to put the stream on a data line; splitting
 // and converting the data lines is their own work.
 #pragma once
 #include <cstdint>
 #include <cstdio>
 
-#include "formats/str_utils.h"
+#include "core/str_utils.h"
 
 constexpr int STAR_MAX_LABELS = 512;
 constexpr int STAR_LABEL_LEN = 256;
@@ -25,7 +25,7 @@ struct StarHead {
 // Every label the reader accepts, then an empty row that ends the table.
 extern const char STAR_HEAD_KEYWORDS[STAR_N_KEYWORDS + 1][STAR_LABEL_LEN];
 
-// Column numbers (from 1, 0 = absent) of the labels the system reads.
+// Column numbers (from 1, 0 = absent) of the labels the readers use.
 struct ParticleInfoIndex {
   int32_t Bfactor;
   int32_t MicrographName;
@@ -93,18 +93,6 @@ struct ParticleInfo {
 
 // The defaults: 200 Å² B-factor, 300 kV, 20000 Å defocus, Cs 2.7 mm, ...
 void particle_info_init(ParticleInfo* info);
-
-// Reads one line of a text file into line (1024 bytes, cleared first).  At
-// most 1023 characters are kept; the rest of a longer line, up to and with
-// its line feed, is passed over, so that one line of the file is always one
-// line for the reader and the tail of a long line never turns into a record
-// of its own.  Returns the number of bytes taken from the stream, 0 at the
-// end of the file.
-long zk_read_text_line(char* line, FILE* stream);
-// The leading-number rule of atoi and atof, without their undefined results:
-// a value beyond the int range is clamped to it.
-int zk_atoi(const char* word);
-float zk_atof(const char* word);
 
 StarHead* star_head_new();
 void star_head_empty(StarHead* head);

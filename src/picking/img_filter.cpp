@@ -1,13 +1,14 @@
 #include "picking/img_filter.h"
 
 #include <cstdlib>
+#include <memory>
 
+#include "core/report.h"
 #include "device/cuda_fft.h"
 #include "device/cuda_general.h"
 #include "device/launch.h"
 #include "device/process2d_local.h"
 #include "device/process2d_raw.h"
-#include "device/report.h"
 #include "formats/mrcfile.h"
 
 namespace {
@@ -166,10 +167,15 @@ void gpu_2d_bandpass_guas_mpad_inplace(float* img, int n, float apix, float a, f
 }
 
 int mrcf_2d_bandpass(const char* in_name, const char* out_name, float apix, float a, float b, float soft, int type) {
-  MRC_HEAD* head = get_mrcf_head(in_name);
-  float* data = get_mrcf_data_all(in_name);
-  if (head->nx != head->ny) ZK_FATAL("Can not do band-pass on rectangle data. Must be square.");
-  const int n = head->nx;
+  MRC_HEAD head;
+  {
+    std::unique_ptr<MRC_HEAD, decltype(&free)> h(get_mrcf_head(in_name), &free);
+    head = *h;
+  }
+  std::unique_ptr<float, decltype(&free)> samples(get_mrcf_data_all(in_name), &free);
+  float* data = samples.get();
+  if (head.nx != head.ny) ZK_FATAL("Can not do band-pass on rectangle data. Must be square.");
+  const int n = head.nx;
   switch (type) {
     case 1: gpu_2d_bandpass_guas_inplace(data, n, apix, a, b); break;
     case 2: gpu_2d_bandpass_softR_inplace(data, n, apix, a, b, soft); break;
@@ -178,10 +184,8 @@ int mrcf_2d_bandpass(const char* in_name, const char* out_name, float apix, floa
     default: break;
   }
   // The samples are floats now, and no extended head is carried over.
-  mrc_set_head_mode(head, MRC_MODE_FLOAT);
-  head->next = 0;
-  mrcf_write_head_data(out_name, head, data);
-  free(data);
-  free(head);
+  mrc_set_head_mode(&head, MRC_MODE_FLOAT);
+  head.next = 0;
+  mrcf_write_head_data(out_name, &head, data);
   return 0;
 }

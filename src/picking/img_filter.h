@@ -12,7 +12,7 @@
 #pragma once
 #include <cmath>
 
-#include "device/hd.h"
+#include "core/hd.h"
 #include "device/math_utils.h"
 
 // ---------------------------------------------------------------------------
@@ -107,5 +107,5 @@ void gpu_2d_bandpass_guas_mpad_inplace(float* img, int n, float apix, float a, f
 
 // Filters the first image of the MRC file in_name and writes head and all data
 // to out_name: type 1 Gaussian, 2 soft edge, 3 hard band, 4 padded Gaussian,
-// any other nothing.  A rectangular image ends the run.  Returns 0.
+// any other nothing.  A rectangular image throws the fatal report.  Returns 0.
 int mrcf_2d_bandpass(const char* in_name, const char* out_name, float apix, float a, float b, float soft, int type);

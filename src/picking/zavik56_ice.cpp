@@ -4,13 +4,14 @@
 #include <cstdlib>
 #include <vector>
 
+#include "core/str_utils.h"
+#include "core/txt_file.h"
 #include "device/cuda_general.h"
 #include "device/launch.h"
 #include "device/process2d_local.h"
-#include "formats/mrcfile.h"
+#include "formats/boxfile.h"
 #include "formats/safe_output.h"
-#include "formats/str_utils.h"
-#include "formats/txt_file.h"
+#include "imagefile/mrc_device.h"
 
 namespace {
 
@@ -51,23 +52,13 @@ int output_ice_coord(const char* name, const unsigned int* ice, const float* ave
   return 0;
 }
 
-int hcuda_2d_ice_detect(const float* d_mic, int nx, int ny, int2 origin, unsigned int* d_ice, const char* mic,
-                        const Zavik_Para* para) {
-  float2* mic_f = d_alloc_float2((size_t)(nx + 1) * 2 * ny);
-  hcuda_2d_mpad_fft_r2c(mic_f, d_mic, nx, ny);
-  hcuda_2d_ice_detect(d_mic, mic_f, nx, ny, origin, d_ice, mic, para);
-  device_free(mic_f);
-  return 0;
-}
-
 int hcuda_2d_ice_detect(const float* d_mic, const float2* d_mic_mpad_f, int nx, int ny, int2 origin,
-                        unsigned int* d_ice, const char* mic, const Zavik_Para* para) {
+                        unsigned int* d_ice, const char* mic, const ZkIceParams& p) {
   const size_t npix = (size_t)nx * ny;
   float* d_sigma = d_alloc_float(npix);
   float* d_ave = d_alloc_float(npix);
 
-  // One integer serves the stage and the driver, which sized d_ice by it.
-  const int g = zavik_grid_cell(para);
+  const int g = p.cell;
   const int Gx = cells_along(nx, g), Gy = cells_along(ny, g);
   const size_t ncell = (size_t)Gx * Gy;
   float* d_cell_ave = d_alloc_float(ncell);
@@ -75,26 +66,26 @@ int hcuda_2d_ice_detect(const float* d_mic, const float2* d_mic_mpad_f, int nx, 
   std::vector<unsigned int> h_ice(ncell);
   std::vector<float> h_ave(ncell), h_sigma(ncell);
 
-  hcuda_2d_local_sigma_softR_mpad_f(d_sigma, d_mic, d_mic_mpad_f, nx, ny, para->lsigma_R, para->local_soft_edge);
-  hcuda_2d_local_ave_softR_mpad_f(d_ave, d_mic_mpad_f, nx, ny, para->lave_R, para->local_soft_edge);
-  hcuda_find_sigma_grids(d_ave, d_sigma, d_ice, d_cell_ave, d_cell_sigma, nx, ny, g, para->lave_min, para->lave_max,
-                         para->lsigma_cutoff);
+  hcuda_2d_local_sigma_softR_mpad_f(d_sigma, d_mic, d_mic_mpad_f, nx, ny, p.lsigma_R, p.local_soft_edge);
+  hcuda_2d_local_ave_softR_mpad_f(d_ave, d_mic_mpad_f, nx, ny, p.lave_R, p.local_soft_edge);
+  hcuda_find_sigma_grids(d_ave, d_sigma, d_ice, d_cell_ave, d_cell_sigma, nx, ny, g, p.lave_min, p.lave_max,
+                         p.lsigma_cutoff);
   ZK_CHECK(memcpy_D2H(h_ice.data(), d_ice, ncell * sizeof(unsigned int)));
   ZK_CHECK(memcpy_D2H(h_ave.data(), d_cell_ave, ncell * sizeof(float)));
   ZK_CHECK(memcpy_D2H(h_sigma.data(), d_cell_sigma, ncell * sizeof(float)));
 
   char name[ZK_TXT_LEN];
-  if (para->write_rejected_box) {
+  if (p.write_rejected) {
     set_outname_by_suffix(name, mic, "_rejected.box");
-    output_ice_coord(name, h_ice.data(), h_ave.data(), h_sigma.data(), nx, ny, origin, g, para->shrink, 2);
+    output_ice_coord(name, h_ice.data(), h_ave.data(), h_sigma.data(), nx, ny, origin, g, p.shrink, 2);
     set_outname_by_suffix(name, mic, "_rejected.star");
-    output_ice_coord(name, h_ice.data(), h_ave.data(), h_sigma.data(), nx, ny, origin, g, para->shrink, 1);
+    output_ice_coord(name, h_ice.data(), h_ave.data(), h_sigma.data(), nx, ny, origin, g, p.shrink, 1);
   }
-  if (para->write_bg_mic) {
+  if (p.write_bg) {
     set_outname_by_suffix(name, mic, "_bg.mrc");
     mrcf_write_xyz_ddata(name, d_ave, nx, ny, 1);
   }
-  if (para->write_lsigma_mic) {
+  if (p.write_lsigma) {
     set_outname_by_suffix(name, mic, "_lsigma.mrc");
     mrcf_write_xyz_ddata(name, d_sigma, nx, ny, 1);
   }

@@ -7,9 +7,8 @@
 // the edge), cell (cx, cy) at index cy*Gx + cx.  Word 0 means free; any other
 // word is the pixel index y*nx + x of the rejected position in that cell.
 #pragma once
-#include "device/hd.h"
-#include "driver/zavik_para.h"
-#include "formats/boxfile.h"
+#include "core/hd.h"
+#include "core/ptcl_box.h"
 
 // Scan of one cell (cx, cy) in row order.  A pixel is a hit when its local
 // sigma rises above the running sigma and above lsigma_cutoff, or else its
@@ -59,18 +58,27 @@ HDI void cuda_2d_generate_mask_by_coords(int cx, int cy, float* mask, int nx, in
     for (int x = x0; x < x1; ++x) mask[(size_t)y * nx + x] = m;
 }
 
-// The ice stage on the normalised working image d_mic (not changed): local
-// sigma and local average maps over soft discs of radii lsigma_R and lave_R,
-// the cell scan into d_ice, then "_rejected.box", "_rejected.star", "_bg.mrc"
-// and "_lsigma.mrc" beside mic as the record asks.  The cell side is the run's
-// grid cell, zavik_grid_cell(para), for which d_ice is sized.  Returns 0.
-int hcuda_2d_ice_detect(const float* d_mic, int nx, int ny, int2 origin, unsigned int* d_ice, const char* mic,
-                        const Zavik_Para* para);
-// The same with the spectrum of the mirror-padded d_mic (hcuda_2d_mpad_fft_r2c,
-// kept), which the caller shares with its band-pass; the results are the
-// same bit for bit.
+// What the ice stage takes from a run's settings.  Lengths in pixels of the
+// working image.
+struct ZkIceParams {
+  float lsigma_R;         // radius of the local sigma's disc
+  float lave_R;           // radius of the local average's disc
+  float local_soft_edge;  // soft edge of both discs
+  float lsigma_cutoff, lave_min, lave_max;
+  int cell;    // side of a grid cell, the one for which d_ice is sized
+  int shrink;  // raw pixels a working pixel, for the coordinate files
+  bool write_rejected;  // "_rejected.box" and "_rejected.star"
+  bool write_bg;        // "_bg.mrc", the local average
+  bool write_lsigma;    // "_lsigma.mrc", the local sigma
+};
+
+// The ice stage on the normalised working image d_mic (not changed), from
+// its mirror-padded spectrum d_mic_mpad_f (hcuda_2d_mpad_fft_r2c, kept), which
+// the caller shares with its band-pass: local sigma and local average maps
+// over soft discs, the cell scan into d_ice, then the coordinate files and
+// the stage images beside mic that p asks for.  Returns 0.
 int hcuda_2d_ice_detect(const float* d_mic, const float2* d_mic_mpad_f, int nx, int ny, int2 origin,
-                        unsigned int* d_ice, const char* mic, const Zavik_Para* para);
+                        unsigned int* d_ice, const char* mic, const ZkIceParams& p);
 // The cell scan, one thread a cell: d_ice, and the running average and sigma
 // of each cell's last hit (or first pixel) in cell_ave and cell_sigma.
 void hcuda_find_sigma_grids(const float* ave, const float* sigma, unsigned int* d_ice, float* cell_ave,

@@ -126,13 +126,13 @@ namespace {
 
 // Work areas of one worker: a host thread, or the GPU with its batch.
 struct SearchWorker {
-  float* T_rot = nullptr;  // Tx*Ty
-  float* T_pad = nullptr;  // nx*ny, cleared once: only the centre box is ever rewritten
-  float2* T_f = nullptr;   // batch spectra of the templates not kept
-  float2* cc_f = nullptr;  // batch spectra of the products
-  float* cc = nullptr;     // batch correlation maps
-  float* ccmax = nullptr;  // nx*ny partial maxima (host workers after the first)
-  float* psi = nullptr;
+  ZkDeviceArray<float> T_rot;   // Tx*Ty
+  ZkDeviceArray<float> T_pad;   // nx*ny, cleared once: only the centre box is ever rewritten
+  ZkDeviceArray<float2> T_f;    // batch spectra of the templates not kept
+  ZkDeviceArray<float2> cc_f;   // batch spectra of the products
+  ZkDeviceArray<float> cc;      // batch correlation maps
+  ZkDeviceArray<float> ccmax;   // nx*ny partial maxima (host workers after the first)
+  ZkDeviceArray<float> psi;
 };
 
 // Bytes of memory available on the back end in force.
@@ -189,14 +189,14 @@ struct ZkSearchBank {
   float R;
   const float* d_T;
   std::vector<float> angles;
-  float* d_angles = nullptr;  // the angles on the device, for the batched update
+  ZkDeviceArray<float> d_angles;  // the angles on the device, for the batched update
   size_t npix, nspec, stride;  // stride: float2 between kept spectra, whole 64-byte lines
-  std::vector<float2*> kept;    // per template: nangles spectra, or null
+  std::vector<ZkDeviceArray<float2>> kept;  // per template: nangles spectra, or none
   std::vector<float> sum_T2;
   ZkFftPlan r2c = nullptr, c2r = nullptr, c2r_batch = nullptr;
   int batch = 1, threads = 1;
   std::vector<SearchWorker> workers;
-  float2* mic_f = nullptr;
+  ZkDeviceArray<float2> mic_f;
   float sum_mic2_mask = 0, sum_mask = 0;
 };
 
@@ -205,29 +205,22 @@ namespace {
 // The spectrum of template T at one angle, as the one-template search makes
 // it: rotate, place in the middle of the cleared pad, forward transform.
 void template_spectrum(ZkSearchBank* b, const float* T, float angle, SearchWorker& w, float2* out) {
-  hcuda_2d_rotate(T, w.T_rot, b->Tx, b->Ty, angle);
-  hcuda_x2d_cp_small_to_large_center(w.T_pad, w.T_rot, b->nx, b->ny, b->Tx, b->Ty);
-  zk_fft_exec_r2c(b->r2c, w.T_pad, out);
+  hcuda_2d_rotate(T, w.T_rot.get(), b->Tx, b->Ty, angle);
+  hcuda_x2d_cp_small_to_large_center(w.T_pad.get(), w.T_rot.get(), b->nx, b->ny, b->Tx, b->Ty);
+  zk_fft_exec_r2c(b->r2c, w.T_pad.get(), out);
 }
 
 void make_worker(ZkSearchBank* b, SearchWorker& w, int nb, bool partial_maps) {
-  w.T_rot = d_alloc_float((size_t)b->Tx * b->Ty);
-  w.T_pad = d_alloc_float(b->npix);
-  hcuda_2d_empty(w.T_pad, b->nx, b->ny);
-  w.T_f = d_alloc_float2(b->nspec * nb);
-  w.cc_f = d_alloc_float2(b->nspec * nb);
-  w.cc = d_alloc_float(b->npix * nb);
+  w.T_rot.allocate((size_t)b->Tx * b->Ty);
+  w.T_pad.allocate(b->npix);
+  hcuda_2d_empty(w.T_pad.get(), b->nx, b->ny);
+  w.T_f.allocate(b->nspec * nb);
+  w.cc_f.allocate(b->nspec * nb);
+  w.cc.allocate(b->npix * nb);
   if (partial_maps) {
-    w.ccmax = d_alloc_float(b->npix);
-    w.psi = d_alloc_float(b->npix);
+    w.ccmax.allocate(b->npix);
+    w.psi.allocate(b->npix);
   }
-}
-
-void free_worker(SearchWorker& w) {
-  for (void* p : {(void*)w.T_rot, (void*)w.T_pad, (void*)w.T_f, (void*)w.cc_f, (void*)w.cc, (void*)w.ccmax,
-                  (void*)w.psi})
-    device_free(p);
-  w = SearchWorker();
 }
 
 void print_dots(int n) {
@@ -243,14 +236,15 @@ void search_angles_one_by_one(ZkSearchBank* b, int t, int a0, int a1, SearchWork
   const float scale = (float)ny * (float)nx;
   for (int a = a0; a < a1; ++a) {
     const float angle = b->angles[a];
-    const float2* Tf = b->kept[t] ? b->kept[t] + (size_t)a * b->stride : w.T_f;
-    if (!b->kept[t]) template_spectrum(b, T, angle, w, w.T_f);
-    hcuda_c2d_multconj_norm(b->mic_f, Tf, w.cc_f, nxh, ny, scale);
-    zk_fft_exec_c2r(b->c2r, w.cc_f, w.cc);
+    const float2* kept = b->kept[t].get();
+    const float2* Tf = kept ? kept + (size_t)a * b->stride : w.T_f.get();
+    if (!kept) template_spectrum(b, T, angle, w, w.T_f.get());
+    hcuda_c2d_multconj_norm(b->mic_f.get(), Tf, w.cc_f.get(), nxh, ny, scale);
+    zk_fft_exec_c2r(b->c2r, w.cc_f.get(), w.cc.get());
     if (psi)
-      hcuda_update_ccmax_psi_2d(ccmax, w.cc, psi, angle, nx, ny);
+      hcuda_update_ccmax_psi_2d(ccmax, w.cc.get(), psi, angle, nx, ny);
     else
-      hcuda_update_ccmax_2d(ccmax, w.cc, nx, ny);
+      hcuda_update_ccmax_2d(ccmax, w.cc.get(), nx, ny);
     if (dots) {
 #pragma omp critical(zk_search_dots)
       print_dots(1);
@@ -269,26 +263,26 @@ void search_angles_batched(ZkSearchBank* b, int t, SearchWorker& w, float* ccmax
     const int nb = std::min(b->batch, na - a0);
     const float2* Tf;
     size_t tstride;
-    if (b->kept[t]) {
-      Tf = b->kept[t] + (size_t)a0 * b->stride;
+    if (b->kept[t].get()) {
+      Tf = b->kept[t].get() + (size_t)a0 * b->stride;
       tstride = b->stride;
     } else {
-      for (int k = 0; k < nb; ++k) template_spectrum(b, T, b->angles[a0 + k], w, w.T_f + k * nspec);
-      Tf = w.T_f;
+      for (int k = 0; k < nb; ++k) template_spectrum(b, T, b->angles[a0 + k], w, w.T_f.get() + k * nspec);
+      Tf = w.T_f.get();
       tstride = nspec;
     }
-    const float2* mf = b->mic_f;
-    float2* cf = w.cc_f;
+    const float2* mf = b->mic_f.get();
+    float2* cf = w.cc_f.get();
     launch_2d(nxh, ny * nb, [=] HD(int x, int yb) {
       const int k = yb / ny, y = yb - k * ny;
       cuda_c2d_multconj_norm(x, y, mf, Tf + k * tstride, cf + k * nspec, nxh, scale);
     });
     if (nb == b->batch && b->c2r_batch)
-      zk_fft_exec_c2r(b->c2r_batch, w.cc_f, w.cc);
+      zk_fft_exec_c2r(b->c2r_batch, w.cc_f.get(), w.cc.get());
     else
-      for (int k = 0; k < nb; ++k) zk_fft_exec_c2r(b->c2r, w.cc_f + k * nspec, w.cc + k * b->npix);
-    const float* cc = w.cc;
-    const float* ang = b->d_angles + a0;
+      for (int k = 0; k < nb; ++k) zk_fft_exec_c2r(b->c2r, w.cc_f.get() + k * nspec, w.cc.get() + k * b->npix);
+    const float* cc = w.cc.get();
+    const float* ang = b->d_angles.get() + a0;
     launch_2d(nx, ny, [=] HD(int x, int y) { cuda_update_ccmax_psi_batch(x, y, ccmax, cc, psi, ang, nb, nx, ny); });
     print_dots(nb);
   }
@@ -314,15 +308,15 @@ ZkSearchBank* zavik_search_bank_create(const float* d_T, int Nt, int Tx, int Ty,
   b->stride = (b->nspec + 7) / 8 * 8;
   b->r2c = zk_fft_plan_r2c(nx, ny, 1);
   b->c2r = zk_fft_plan_c2r(nx, ny, 1);
-  b->mic_f = d_alloc_float2(b->nspec);
+  b->mic_f.allocate(b->nspec);
   for (int t = 0; t < Nt; ++t) b->sum_T2.push_back(hcuda_fast_sumsqr(d_T + (size_t)t * Tx * Ty, (size_t)Tx * Ty));
 
   if (zk_on_gpu()) {
     b->batch = std::max(1, std::min(options.gpu_batch, std::max(na, 1)));
     b->threads = 1;
     if (b->batch > 1) b->c2r_batch = zk_fft_plan_c2r(nx, ny, b->batch);
-    b->d_angles = d_alloc_float((size_t)std::max(na, 1));
-    if (na) ZK_CHECK(memcpy_H2D(b->d_angles, b->angles.data(), na * sizeof(float)));
+    b->d_angles.allocate((size_t)std::max(na, 1));
+    if (na) ZK_CHECK(memcpy_H2D(b->d_angles.get(), b->angles.data(), na * sizeof(float)));
   } else {
     b->batch = 1;
     const int cores = options.host_threads > 0 ? options.host_threads : omp_get_max_threads();
@@ -332,27 +326,28 @@ ZkSearchBank* zavik_search_bank_create(const float* d_T, int Nt, int Tx, int Ty,
   for (int k = 0; k < b->threads; ++k) make_worker(b, b->workers[k], b->batch, k > 0);
 
   // Keep the spectra of as many templates as the memory share allows.
-  b->kept.assign(Nt, nullptr);
+  b->kept.resize(Nt);
   if (options.keep_spectra && na > 0) {
     const double per_template = (double)na * b->stride * sizeof(float2);
     double budget = options.memory_share * free_bytes();
     for (int t = 0; t < Nt && per_template <= budget; ++t) {
-      b->kept[t] = d_alloc_float2((size_t)na * b->stride);
+      b->kept[t].allocate((size_t)na * b->stride);
       budget -= per_template;
     }
     for (int t = 0; t < Nt; ++t) {
-      if (!b->kept[t]) continue;
+      float2* kept = b->kept[t].get();
+      if (!kept) continue;
       const float* T = d_T + (size_t)t * Tx * Ty;
 #pragma omp parallel for num_threads(b->threads) schedule(static)
       for (int a = 0; a < na; ++a)
-        template_spectrum(b, T, b->angles[a], b->workers[omp_get_thread_num()], b->kept[t] + (size_t)a * b->stride);
+        template_spectrum(b, T, b->angles[a], b->workers[omp_get_thread_num()], kept + (size_t)a * b->stride);
     }
   }
   return b;
 }
 
 void zavik_search_bank_set_micrograph(ZkSearchBank* b, const float* mic, const float* mask) {
-  zk_fft_exec_r2c(b->r2c, mic, b->mic_f);
+  zk_fft_exec_r2c(b->r2c, mic, b->mic_f.get());
   b->sum_mic2_mask = hcuda_fast_sumsqr_withmask(mic, mask, b->npix);
   b->sum_mask = hcuda_fast_sum(mask, b->npix);
 }
@@ -374,16 +369,17 @@ void zavik_search_bank_run(ZkSearchBank* b, int t, float* ccmax, float* psi, int
       const int k = omp_get_thread_num();
       const int a0 = (int)((long long)na * k / K), a1 = (int)((long long)na * (k + 1) / K);
       SearchWorker& w = b->workers[k];
-      float* m = k == 0 ? ccmax : w.ccmax;
-      float* p = k == 0 ? psi_or_null : (psi_or_null ? w.psi : nullptr);
+      float* m = k == 0 ? ccmax : w.ccmax.get();
+      float* p = k == 0 ? psi_or_null : (psi_or_null ? w.psi.get() : nullptr);
       if (k > 0) hcuda_2d_memset(m, -INFINITY, nx, ny);
       search_angles_one_by_one(b, t, a0, a1, w, m, p, true);
     }
     for (int k = 1; k < K; ++k) {
       if (psi_or_null)
-        hcuda_update_ccmax_psi_2d_map(ccmax, b->workers[k].ccmax, psi_or_null, b->workers[k].psi, nx, ny);
+        hcuda_update_ccmax_psi_2d_map(ccmax, b->workers[k].ccmax.get(), psi_or_null, b->workers[k].psi.get(), nx,
+                                      ny);
       else
-        hcuda_update_ccmax_2d(ccmax, b->workers[k].ccmax, nx, ny);
+        hcuda_update_ccmax_2d(ccmax, b->workers[k].ccmax.get(), nx, ny);
     }
   }
   printf("\n");
@@ -395,16 +391,12 @@ void zavik_search_bank_run(ZkSearchBank* b, int t, float* ccmax, float* psi, int
 
 int zavik_search_bank_kept(const ZkSearchBank* b) {
   int n = 0;
-  for (const float2* k : b->kept) n += k != nullptr;
+  for (const ZkDeviceArray<float2>& k : b->kept) n += k.get() != nullptr;
   return n;
 }
 
 void zavik_search_bank_destroy(ZkSearchBank* b) {
   if (!b) return;
-  for (SearchWorker& w : b->workers) free_worker(w);
-  for (float2* k : b->kept) device_free(k);
-  device_free(b->mic_f);
-  device_free(b->d_angles);
   zk_fft_plan_destroy(b->r2c);
   zk_fft_plan_destroy(b->c2r);
   zk_fft_plan_destroy(b->c2r_batch);

@@ -3,11 +3,11 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "core/report.h"
+#include "core/str_utils.h"
 #include "device/math_utils.h"
 #include "device/process2d_raw.h"
-#include "device/report.h"
 #include "formats/mrcfile.h"
-#include "formats/str_utils.h"
 
 namespace {
 
@@ -29,22 +29,19 @@ float* create_template_data(int& Tx, int& Ty, int& Nt, float T_radius, float cen
 }
 
 float* get_template_data(int& Tx, int& Ty, int& Nt, const char* T) {
-  FILE* fp = ZK_FOPEN_READ(T, "rb");
-  MRC_HEAD* head = mrc_new_head();
-  mrc_read_head(fp, head);
-  if (head->nx < 1 || head->ny < 1 || head->nz < 1 || !mrc_mode_readable(head->mode)) {
-    printf("Template file %s has no usable size or mode in its head: Nx %d, Ny %d, Nz %d, mode %d.\n", T, head->nx,
-           head->ny, head->nz, head->mode);
-    ZK_FATAL("unusable template file");
-  }
-  Tx = head->nx;
-  Ty = head->ny;
-  Nt = head->nz;
+  ZkFilePtr fp(ZK_FOPEN_READ(T, "rb"));
+  MRC_HEAD head;
+  mrc_read_head(fp.get(), &head);
+  if (head.nx < 1 || head.ny < 1 || head.nz < 1 || !mrc_mode_readable(head.mode))
+    ZK_FATAL_AFTER(zk_format("Template file %s has no usable size or mode in its head: Nx %d, Ny %d, Nz %d, mode %d.\n",
+                             T, head.nx, head.ny, head.nz, head.mode),
+                   "unusable template file");
+  Tx = head.nx;
+  Ty = head.ny;
+  Nt = head.nz;
   const size_t section = (size_t)Tx * Ty;
   float* data = alloc_stack(section * Nt);
-  for (int i = 0; i < Nt; ++i) mrc_read_slice(fp, head, i, 'z', data + section * i);
-  free(head);
-  fclose(fp);
+  for (int i = 0; i < Nt; ++i) mrc_read_slice(fp.get(), &head, i, 'z', data + section * i);
   return data;
 }
 
@@ -58,7 +55,10 @@ float* get_or_create_template_data(int& Tx, int& Ty, int& Nt, const char* T, flo
 
   float* data = get_template_data(Tx, Ty, Nt, T);
   const float scale = apixT / apixM;
-  if (!(scale > 0.0f)) ZK_FATAL("The pixel sizes of templates and micrographs must be greater than 0");
+  if (!(scale > 0.0f)) {
+    free(data);
+    ZK_FATAL("The pixel sizes of templates and micrographs must be greater than 0");
+  }
   const int nx2 = (int)((float)Tx * scale), ny2 = (int)((float)Ty * scale);
   // At exactly 1 the samples stay untouched: no interpolation at all.
   if (scale != 1.0f) {

@@ -8,9 +8,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "core/str_utils.h"
+#include "core/txt_file.h"
 #include "formats/boxfile.h"
 #include "formats/starfile.h"
-#include "formats/str_utils.h"
 
 namespace {
 

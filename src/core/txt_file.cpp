@@ -1,11 +1,11 @@
-#include "formats/txt_file.h"
+#include "core/txt_file.h"
 
 #include <unistd.h>
 
 #include <cstring>
 
-#include "device/report.h"
-#include "formats/str_utils.h"
+#include "core/report.h"
+#include "core/str_utils.h"
 
 int read_one_line(char* line, FILE* stream) {
   if (!fgets(line, ZK_TXT_LEN, stream)) return 0;  // nothing read: the line stays as cleared
@@ -116,4 +116,17 @@ int check_access_openf_1st(char** files, int n_files, char* first_mic, FILE*& st
     return 0;
   }
   return 0;
+}
+
+long zk_read_text_line(char* line, FILE* stream) {
+  empty_txt_line(line);
+  long taken = 0;
+  int kept = 0;
+  int c;
+  while ((c = getc(stream)) != EOF) {
+    ++taken;
+    if (kept < ZK_TXT_LEN - 1) line[kept++] = (char)c;
+    if (c == '\n') break;
+  }
+  return taken;
 }

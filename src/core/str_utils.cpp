@@ -1,12 +1,14 @@
-#include "formats/str_utils.h"
+#include "core/str_utils.h"
 
 #include <cctype>
+#include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
 
-#include "device/report.h"
+#include "core/report.h"
 
 size_t strlcpy(char* dst, const char* src) {
   memset(dst, 0, ZK_TXT_LEN);
@@ -95,8 +97,8 @@ namespace {
 void build_name(char* out, const char* a, size_t na, const char* b, const char* c, size_t nc) {
   size_t nb = strlen(b);
   if (na + nb + nc >= (size_t)ZK_TXT_LEN) {
-    printf("The output name built from %s is longer than %d characters.\n", a, ZK_TXT_LEN - 1);
-    ZK_FATAL("file name too long");
+    ZK_FATAL_AFTER(zk_format("The output name built from %s is longer than %d characters.\n", a, ZK_TXT_LEN - 1),
+                   "file name too long");
   }
   memset(out, 0, ZK_TXT_LEN);
   memcpy(out, a, na);
@@ -128,3 +130,13 @@ int replace_file_suffix(char* out, const char* new_suffix, const char* name, con
   build_name(out, name, keep, new_suffix, "", 0);
   return 0;
 }
+
+int zk_atoi(const char* word) {
+  errno = 0;
+  long v = strtol(word, nullptr, 10);
+  if (v > INT_MAX) return INT_MAX;
+  if (v < INT_MIN) return INT_MIN;
+  return (int)v;
+}
+
+float zk_atof(const char* word) { return (float)strtod(word, nullptr); }

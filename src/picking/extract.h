@@ -1,12 +1,14 @@
-// Cutting particle boxes out of images and movies, on the host and on the
-// device.  A cut-out that hangs over the image's edge is kept whole and filled
-// with 0.0 there, except in host_2d_read_ptcls_to_2ds_from_boxes, which skips
-// such boxes.
+// Particle extraction: boxes cut out of images and movies, on the host and
+// on the device, and the file-level forms that cut every box of a coordinate
+// file out of a micrograph.  A cut-out that hangs over the image's edge is
+// kept whole and filled with 0.0 there, except in
+// host_2d_read_ptcls_to_2ds_from_boxes and the two readers built on it, which
+// skip such boxes.
 #pragma once
 #include <cstddef>
 
-#include "device/hd.h"
-#include "formats/boxfile.h"
+#include "core/hd.h"
+#include "core/ptcl_box.h"
 
 // Capacity of a box list read for extraction: particles beyond it are ignored.
 constexpr int ZK_EXTRACT_MAX_BOXES = 10240;
@@ -39,3 +41,25 @@ bool ptcl_box_inside_image(const PTCL_BOX& box, int w, int h, int nx, int ny);
 int host_2d_read_ptcls_to_2ds_from_boxes(float* dst, const PTCL_BOX* boxes, int n, const float* image, int nx, int ny);
 // The cut-out of cpu_x2d_extract_small_from_large on device arrays.
 void hcuda_2d_extract_small_from_large(float* d_dst, int w, int h, const float* d_src, int nx, int ny, int x0, int y0);
+
+// ---- Files
+
+// The first slice of the micrograph name and up to 10240 boxes of boxf, all
+// with the size of the first box.  The boxes that lie wholly inside the image
+// are copied to their places p * w * h of dst; the others get a warning and
+// their places stay unwritten.  Returns the number copied, -1 when the
+// micrograph cannot be read.
+int mrcf_2d_read_ptcls_to_data_from_boxf(float* dst, const char* name, const char* boxf);
+// The same into a new mode 2 stack file out, which holds only the copied
+// boxes, in the list's order (a stack meant for classification gets no empty
+// images).  Returns the number of images written, -1 as above.
+int mrcf_2d_read_ptcls_to_mrcf_from_boxf(const char* out, const char* name, const char* boxf);
+
+// Reads the box list (at most 10240 particles) and the micrograph, cuts the
+// stack and writes it beside the micrograph as "<mic>_particles.mrcs", a mode
+// 2 stack of (w, h, nz * n).  box: side of the square cut-out in raw pixels, 0
+// to keep the list's size; invert: multiply the stack by -1.  Returns 0.
+int mrcf_x2d_extract_ptcls_from_micrograph(const char* mic, const char* boxf, int box, int invert);
+// The stack alone, newly allocated (free() it): image f of particle p at
+// (p * nz + f) * w * h, with the w and h of the list's first record.
+float* get_mrcf_data_ptcls(const char* mic, const char* boxf, int box, int invert);

@@ -9,7 +9,7 @@ int read_one_line(char* line, FILE* stream);
 // stream is left at the start of that line.  Its position, or -1.
 long FILE_find_str_line(FILE* stream, const char* text);
 // 1-based number of the first of lines 1 .. max + 1 of the file holding text,
-// or -1.  A file that does not open ends the process.
+// or -1.  A file that does not open throws its report.
 int f_Nfind_str_line(const char* name, const char* text, int max);
 
 // Tests the file against each letter of modes in order: F exists, R readable,
@@ -22,3 +22,10 @@ int is_file_zavik_done(const char* name);
 // into stream and copies its name to first_mic.  Returns 0; stream is null
 // when no name was usable.
 int check_access_openf_1st(char** files, int n_files, char* first_mic, FILE*& stream);
+// Reads one line of a text file into line (1024 bytes, cleared first).  At
+// most 1023 characters are kept; the rest of a longer line, up to and with
+// its line feed, is passed over, so that one line of the file is always one
+// line for the reader and the tail of a long line never turns into a record
+// of its own.  Returns the number of bytes taken from the stream, 0 at the
+// end of the file.
+long zk_read_text_line(char* line, FILE* stream);

@@ -40,3 +40,8 @@ int set_name_shrinked_box(char* out, const char* mic, int shrink);
 int set_outname_by_insertion(char* out, const char* mic, const char* text);
 // out = name less old_suffix, then new_suffix.
 int replace_file_suffix(char* out, const char* new_suffix, const char* name, const char* old_suffix);
+
+// The leading-number rule of atoi and atof, without their undefined results:
+// a value beyond the int range is clamped to it.
+int zk_atoi(const char* word);
+float zk_atof(const char* word);
