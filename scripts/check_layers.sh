@@ -6,7 +6,8 @@
 # imagefile             whole files to and from device arrays
 # picking, ctf, volume  the engines
 # movie                 frame weighting, on picking's extraction and the CTF model
-# driver                the picker's front end, on top of everything
+# driver                the picker's front end
+# programs              one file with main for each executable, on top of everything
 #
 # Prints every include that points up or sideways and every call of exit or
 # abort in library code; status 1 if there is any.
@@ -23,6 +24,7 @@ declare -A may=(
   [volume]="core formats device imagefile volume"
   [movie]="core formats device imagefile picking ctf movie"
   [driver]="core formats device imagefile picking ctf volume movie driver"
+  [programs]="core formats device imagefile picking ctf volume movie driver"
 )
 library="core formats device imagefile picking ctf volume movie"
 

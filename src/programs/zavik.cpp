@@ -1,4 +1,4 @@
 // The picker's entry: everything lives in the library.
-int zavik_main(int argc, char** argv);
+#include "driver/zavik_run.h"
 
 int main(int argc, char** argv) { return zavik_main(argc, argv); }
