@@ -54,9 +54,10 @@ struct CTF_REF_INFO {
 // Ways of running that tests and benchmarks choose; a normal run takes the
 // defaults.
 struct KesmarRunOptions {
-  // Random start angles and jitter come from a generator seeded with the
-  // clock; a seed other than 0 makes two runs give the same numbers.
-  unsigned int seed = 0;
+  // The jitter of the line searches comes from a generator reseeded with
+  // this at each refinement; 0 takes the clock, so that two runs differ in
+  // the last digits.
+  unsigned int seed = 1;
 };
 
 class KESMAR_A {
@@ -105,6 +106,7 @@ class KESMAR_A {
 
   // 2D refinement.
   void kesmar_set_init_defUVA_for_2D_refine(float ps);
+  float kesmar_start_angle(PUVA start);
   void kesmar_set_init_for_Hres_ref();
   void kesmar_set_init_from_ref2d();
   void kesmar_set_Bres();

@@ -57,10 +57,29 @@ void KESMAR_A::kesmar_set_init_defUVA_for_2D_refine(float ps) {
   init.defU = def_1d - p.astm / 2.0f;
   init.defV = def_1d + p.astm / 2.0f;
   kesmar_srand();
-  init.defA = kesmar_rand_unit() * 30.0f;
+  init.defA = kesmar_start_angle(init);
   err.ps = ctrl.refine_ps ? p.phase_shift_S : 0.0f;
   err.defU = err.defV = def_err = p.defS;
   err.defA = 30.0f;
+}
+
+// The start angle of a refinement from the 1D result: the best of a sweep
+// over [0, 180) in steps of 15 degrees at the assumed astigmatism.  A start
+// far from the true angle (45 degrees is the worst) lets the line search on
+// the defocus difference shrink it to nothing, after which the angle no
+// longer matters and the refinement ends on a round CTF.
+float KESMAR_A::kesmar_start_angle(PUVA start) {
+  kesmar_set_Bres();
+  float best = 0.0f, best_ccc = 0.0f;
+  for (int k = 0; k < 12; ++k) {
+    start.defA = 15.0f * (float)k;
+    const float c = kesmar_ccc_sim_with_real_2d_half(start);
+    if (k == 0 || c > best_ccc) {
+      best = start.defA;
+      best_ccc = c;
+    }
+  }
+  return best;
 }
 
 void KESMAR_A::kesmar_set_init_for_Hres_ref() {

@@ -80,6 +80,8 @@ void KESMAR_A::log(const char* fmt, ...) {
   va_end(ap);
 }
 
+// A fixed seed by default, so that a micrograph gives the same numbers on
+// every run and on both back ends; seed 0 takes the clock.
 void KESMAR_A::kesmar_srand() { rng_state = options.seed ? options.seed : (unsigned int)time(nullptr); }
 
 float KESMAR_A::kesmar_rand_unit() {

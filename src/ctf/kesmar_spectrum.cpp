@@ -91,12 +91,19 @@ int KESMAR_A::kesmar_generate_ctf_d_data_from_mrc() {
   return 0;
 }
 
+// The .pow file holds the log spectrum before the background was removed
+// (h_bg_full); it is loaded as that and the background is removed again, so
+// that the reloaded run scores against the very spectrum of the first run.
 void KESMAR_A::kesmar_reload_pre_ctf_files() {
   KESMAR_Para& p = *para;
-  ZK_CHECK(memcpy_H2D(d_sub_full.get(), h_sub_full.data(), (size_t)nfull * sizeof(float)));
-  hcuda_2d_fft_amp_full2half(d_sub.get(), d_sub_full.get(), nx, ny);
-  ZK_CHECK(memcpy_D2H(h_sub_half.data(), d_sub.get(), (size_t)nhalf * sizeof(float)));
+  ZK_CHECK(memcpy_H2D(d_bg_full.get(), h_sub_full.data(), (size_t)nfull * sizeof(float)));
+  hcuda_2d_fft_amp_full2half(d_bg.get(), d_bg_full.get(), nx, ny);
+  hcuda_2d_fft_amp_subbg(d_sub.get(), d_bg.get(), nx, ny, p.convsize);
   if (p.smooth_resL_given) hcuda_2dh_smooth_low_frequency_inplace(d_sub.get(), nxh, ny, p.apix, p.smooth_resL);
+  hcuda_2d_fft_amp_half2full(d_sub_full.get(), d_sub.get(), nx, ny);
+  ZK_CHECK(memcpy_D2H(h_sub_half.data(), d_sub.get(), (size_t)nhalf * sizeof(float)));
+  ZK_CHECK(memcpy_D2H(h_sub_full.data(), d_sub_full.get(), (size_t)nfull * sizeof(float)));
+  h_sub_half[(size_t)nxh * (ny / 2)] = 0.0f;
 }
 
 void KESMAR_A::kesmar_write_powf() {
