@@ -99,16 +99,26 @@ PY
 
 run_set() {  # run_set <dir> <kesmar options>
   local dir="$1"; shift
-  local log="$dir/kesmar.out" tm="$dir/time.txt"
+  local log="$dir/kesmar.out" tm="$dir/time.txt" smi=""
+  if command -v nvidia-smi > /dev/null 2>&1; then
+    nvidia-smi --query-gpu=memory.used --format=csv,noheader,nounits -lms 100 > "$dir/gpumem.txt" 2> /dev/null &
+    smi=$!
+  fi
   (cd "$dir" && /usr/bin/time -v "$KESMAR" --apix 1 "$@" --ctfstar result ./*.mrc > "$log" 2> "$tm") || {
     echo "kesmar failed in $dir" >&2; tail -5 "$log" >&2; exit 1; }
+  local gpu=""
+  if [ -n "$smi" ]; then
+    kill "$smi" 2> /dev/null || true
+    gpu=$(sort -n "$dir/gpumem.txt" | tail -1)
+    [ -n "$gpu" ] && gpu=" (GPU, all processes: $gpu MB)"
+  fi
   local n wall prep rss
   n=$(ls "$dir"/*.mrc | wc -l)
   wall=$(awk -F': ' '/Elapsed \(wall clock\)/ {n = split($2, p, ":"); s = 0; for (i = 1; i <= n; i++) s = s * 60 + p[i]; print s}' "$tm")
   prep=$(awk '/PREPARATION/ {print $NF+0}' "$log")
   rss=$(awk -F': ' '/Maximum resident set size/ {printf "%.0f", $2 / 1024}' "$tm")
-  printf "%-22s %4d %10.3f %10.3f %8s MB\n" "$(basename "$dir")" "$n" "$(echo "$wall / $n" | bc -l)" \
-    "$(echo "($wall - $prep) / $n" | bc -l)" "$rss" >> "$WORK/timing.txt"
+  printf "%-22s %4d %10.3f %10.3f %8s MB%s\n" "$(basename "$dir")" "$n" "$(echo "$wall / $n" | bc -l)" \
+    "$(echo "($wall - $prep) / $n" | bc -l)" "$rss" "$gpu" >> "$WORK/timing.txt"
 }
 
 : > "$WORK/timing.txt"
