@@ -185,4 +185,46 @@ TEST(KesmarParams, StartingValuesFromStar) {
   EXPECT_EQ(d[0].defA, 33);
 }
 
+bool ends_with(const std::string& s, const std::string& tail) {
+  return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+std::string print_to_string(void (*f)(FILE*, void*), void* arg) {
+  char* text = nullptr;
+  size_t len = 0;
+  FILE* mem = open_memstream(&text, &len);
+  f(mem, arg);
+  fclose(mem);
+  std::string s(text, len);
+  free(text);
+  return s;
+}
+
+TEST(KesmarLines, SummaryLinesAndRefinementState) {
+  const std::string line = print_to_string(
+      [](FILE* fp, void*) {
+        log_ctfstar_ex_oneline(fp, "a/m.mrc", "a/m.ctf", 12345.678f, 13000, 42.5f, 300, 2.7f, 0.1f, 104477.6f, 14, 0.25f,
+                               3.5f);
+      },
+      nullptr);
+  EXPECT_EQ(line,
+            "a/m.mrc a/m.ctf:mrc 12345.677734 13000.000000    42.500000   300.000000     2.700000     0.100000 "
+            "104477.601562    14.000000     0.250000     3.500000\n");
+  const std::string ps = print_to_string(
+      [](FILE* fp, void*) {
+        log_ctfstar_ex_oneline_phase_shift(fp, "m.mrc", "m.ctf", 1, 2, 3, 88.25f, 300, 2.7f, 0.1f, 1, 14, 0.5f, 4);
+      },
+      nullptr);
+  EXPECT_TRUE(ends_with(ps, " 0.500000     4.000000    88.250000\n")) << ps;
+  const std::string head = print_to_string([](FILE* fp, void*) { log_ctfstar_ex_head_phase_shift(fp); }, nullptr);
+  EXPECT_TRUE(ends_with(head, "_rlnCtfFigureOfMerit #11\n_rlnCtfMaxResolution #12\n_rlnPhaseShift #13\n")) << head;
+  CTF_2DR_Para rp = {};
+  rp.UV_ave_1 = 1;
+  rp.V_refined = 2;
+  const std::string state = print_to_string([](FILE* fp, void* a) { print_rp(*(CTF_2DR_Para*)a, fp); }, &rp);
+  EXPECT_EQ(state.find("UV_ave_1=1.000000, UV_ave_2=0.000000,"), 0u);
+  EXPECT_NE(state.find("\nfloat ccc_1=0.000000,    ccc_2="), std::string::npos);
+  EXPECT_TRUE(ends_with(state, ";\nU_refined=0.000000, V_refined=2.000000\n")) << state;
+}
+
 }  // namespace

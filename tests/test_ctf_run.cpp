@@ -112,6 +112,10 @@ TEST(KesmarRun, RecoversAstigmatismAndWritesSummaryAndLog) {
            atof(row[2].c_str()), atof(row[3].c_str()), atof(row[4].c_str()), atof(row[10].c_str()));
   EXPECT_NE(log.find(final_line), std::string::npos) << log.substr(log.size() > 600 ? log.size() - 600 : 0);
   EXPECT_EQ(log.substr(log.size() - 30), "Processing done successfully.\n");
+  // The search's table: defocus 5000 to 89500 in steps of 500, 170 trials.
+  EXPECT_NE(log.find("\n       0   5000.000 "), std::string::npos);
+  EXPECT_NE(log.find("\n     169  89500.000 "), std::string::npos);
+  EXPECT_EQ(log.find("\n     170 "), std::string::npos);
   EXPECT_TRUE(zk_exists(dir / "a.ctf") && zk_exists(dir / "a.pow"));
   EXPECT_FALSE(zk_exists(dir / "a.epa"));
   EXPECT_EQ(zk_slurp(dir / "a.ctf").size(), 1024u + 512u * 512u * 4u);
