@@ -121,6 +121,36 @@ TEST(KesmarRun, RecoversAstigmatismAndWritesSummaryAndLog) {
   EXPECT_EQ(zk_slurp(dir / "a.ctf").size(), 1024u + 512u * 512u * 4u);
 }
 
+// RELION reads the summary and takes the same values from it (skipped where
+// RELION is not installed); refinement from given values reaches the truth.
+TEST(KesmarRun, RelionReadsSummaryAndGivenValuesRefine) {
+  ZkTmpDir dir;
+  synth("--out " + dir / "g.mrc" + " --nx 1024 --ny 1024 --defu 17000 --defv 18200 --angle 140 --seed 12 --truth " +
+        dir / "truth.star");
+  FILE* fp = fopen((dir / "in.star").c_str(), "w");
+  fprintf(fp, "\ndata_\n\nloop_\n_rlnMicrographName #1\n_rlnDefocusU #2\n_rlnDefocusV #3\n_rlnDefocusAngle #4\n"
+              "g.mrc 17300 18000 35\n");
+  fclose(fp);
+  std::string out;
+  ASSERT_EQ(kesmar(dir.path, "--apix 1 --boxsize 512 --input_ctfstar in.star --refine_input_ctf 1", &out), 0) << out;
+  EXPECT_NE(out.find("input: PS = 0.000000, defocus_U = 17300.000000, defocus_V = 18000.000000,"), std::string::npos);
+  expect_recovered(dir / "truth.star", dir / "micrographs_all_kesmar.star", 0.003, 2.0, 0);
+
+  if (zk_run("command -v relion_star_printtable", nullptr) != 0) GTEST_SKIP() << "RELION is not installed";
+  std::string table;
+  ASSERT_EQ(zk_run("cd '" + dir.path + "' && relion_star_printtable micrographs_all_kesmar.star data_ "
+                   "rlnMicrographName rlnDefocusU rlnDefocusV rlnDefocusAngle rlnFinalResolution",
+                   &table),
+            0)
+      << table;
+  const auto row = star_rows(dir / "micrographs_all_kesmar.star")[0];
+  const auto got = words_of(table);
+  ASSERT_GE(got.size(), 5u) << table;
+  EXPECT_EQ(got[0], "g.mrc");
+  for (int k = 1; k < 4; ++k) EXPECT_NEAR(atof(got[k].c_str()), atof(row[k + 1].c_str()), 1e-3) << table;
+  EXPECT_NEAR(atof(got[4].c_str()), atof(row[11].c_str()), 1e-3) << table;
+}
+
 // A phase plate and a movie of three frames.
 TEST(KesmarRun, RecoversPhaseShiftAndMovieDefocus) {
   ZkTmpDir dir;
