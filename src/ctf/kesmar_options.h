@@ -4,12 +4,17 @@
 
 enum KesmarOptKind { KOPT_FLOAT, KOPT_INT, KOPT_BOOL, KOPT_NAME };
 
+// Fields of the record by their type.
+using KesmarFloatField = float KESMAR_Para::*;
+using KesmarIntField = int KESMAR_Para::*;
+using KesmarNameField = char (KESMAR_Para::*)[ZK_TXT_LEN];
+
 struct KesmarOption {
   const char* word;  // matched behind one or two dashes, any letter case
   KesmarOptKind kind;
-  float KESMAR_Para::*f;
-  int KESMAR_Para::*i;
-  char (KESMAR_Para::*s)[ZK_TXT_LEN];
+  KesmarFloatField f;
+  KesmarIntField i;
+  KesmarNameField s;
   bool int_from_float;  // read as a number, stored as int
 };
 

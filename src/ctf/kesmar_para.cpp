@@ -161,7 +161,7 @@ namespace {
 void mark_given(KESMAR_Para& p, const char* w) {
   struct Flag {
     const char* word;
-    int KESMAR_Para::*flag;
+    KesmarIntField flag;
   };
   static const Flag flags[] = {
       {"convsize", &KESMAR_Para::convsize_given},       {"defH", &KESMAR_Para::defH_given},
