@@ -53,7 +53,8 @@ for i in range(n):
     astig = r.uniform(0, 1500)
     u, v = mean - astig / 2, mean + astig / 2
     ps = r.uniform(0, 150) if with_ps else 0.0
-    print(f"{prefix}{i:03d}.mrc {u:.1f} {v:.1f} {r.uniform(0, 180):.2f} {ps:.2f} {r.uniform(60, 150):.0f} {r.randrange(1, 1 << 30)}")
+    angle, bfac, s = r.uniform(0, 180), r.uniform(60, 150), r.randrange(1, 1 << 30)
+    print(f"{prefix}{i:03d}.mrc {u:.1f} {v:.1f} {angle:.2f} {ps:.2f} {bfac:.0f} {s}")
 PY
 }
 
@@ -130,7 +131,8 @@ for noise in $NOISE; do
     [ "$count" -gt 0 ] || continue
     dir="$WORK/${kind}_noise$noise"
     rm -rf "$dir" && mkdir -p "$dir"
-    draw "m" "$count" "$with" "$((SEED * 1000 + ${noise%.*} * 10 + with))" | while read -r name u v a ps b seed; do
+    set_seed=$((SEED * 1000 + ${noise%.*} * 10 + with))
+    draw "m" "$count" "$with" "$set_seed" | while read -r name u v a ps b seed; do
       psopt=()
       [ "$with" = 1 ] && psopt=(--ps "$ps")
       "$SYNTH" --out "$dir/$name" --apix 1 --defu "$u" --defv "$v" --angle "$a" "${psopt[@]}" --bfactor "$b" \

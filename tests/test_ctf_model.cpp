@@ -45,7 +45,8 @@ CTF_INFO info(const Ref& r) {
 }
 
 TEST(CtfModel, WavelengthMatchesRelativisticFormula) {
-  for (double kv : {120.0, 200.0, 300.0}) EXPECT_NEAR(hd_kV_to_lambda((float)kv), lambda_ref(kv), 2e-5 * lambda_ref(kv));
+  for (double kv : {120.0, 200.0, 300.0})
+    EXPECT_NEAR(hd_kV_to_lambda((float)kv), lambda_ref(kv), 2e-5 * lambda_ref(kv));
 }
 
 TEST(CtfModel, ModeValuesAtChosenPoints) {
@@ -79,7 +80,8 @@ TEST(CtfModel, DefocusAlongAzimuthIsUAtTheAngle) {
 TEST(CtfModel, FirstZeroAndInverseFormulae) {
   struct Case {
     double kv, cs, ac, ps, z;
-  } cases[] = {{300, 2.7, 0.1, 0, 20000}, {200, 2.0, 0.07, 90, 8000}, {300, 0.0, 0.1, 0, 12000}, {120, 0.005, 0.0, 0, 30000}};
+  } cases[] = {
+      {300, 2.7, 0.1, 0, 20000}, {200, 2.0, 0.07, 90, 8000}, {300, 0.0, 0.1, 0, 12000}, {120, 0.005, 0.0, 0, 30000}};
   for (const Case& k : cases) {
     const CTF_INFO c((float)k.kv, (float)k.cs, (float)k.ac, (float)k.ps, (float)k.z, (float)k.z, 0, 0);
     const double l = lambda_ref(k.kv), cz = PI * l * k.z, ccs = PI / 2 * k.cs * 1e7 * l * l * l;
@@ -174,9 +176,9 @@ TEST_P(CtfSim, HalfPlaneAgainstDoubleReference) {
   float* dr = dev.put(real);
   double ref = 0;
   for (size_t i = 0; i < real.size(); ++i) ref += (double)real[i] * h[i];
-  const float score = ctf_ccc_sim_with_real_2d_half(dev.f(real.size()), dr, apix, nx, ny, (float)R.kv, (float)R.cs,
-                                                    (float)R.ac, (float)R.ps, (float)R.u, (float)R.v, (float)R.a,
-                                                    (float)R.b, 30, 2.6f);
+  const float score =
+      ctf_ccc_sim_with_real_2d_half(dev.f(real.size()), dr, apix, nx, ny, (float)R.kv, (float)R.cs, (float)R.ac,
+                                    (float)R.ps, (float)R.u, (float)R.v, (float)R.a, (float)R.b, 30, 2.6f);
   EXPECT_NEAR(score, ref, 1e-5 * fabs(ref) + 1e-3);
 
   // The square form is C^2 exp(-B s^2/4) of the same samples.
@@ -237,8 +239,11 @@ TEST_P(CtfSim, RecordFamilyMatchesHostLoop) {
     EXPECT_TRUE(same_bits(g, h)) << mode;
     const int x = 9, y = ny / 2 - 7;
     const double s = sqrt(81.0 + 49.0) / (2.0 * (nx - 1) * 1.1), th = atan2(-7.0, 9.0), p = R.phase(s, th);
-    const double want = mode == 'G' ? R.gamma(s, th) : mode == 'E' ? p - floor(p / PI) * PI
-                        : mode == 'F' ? sin(p) * R.env(s) : mode == 'W' ? sin(p) * sin(p) * R.env(s) : (sin(p) < 0 ? -1 : 1);
+    const double want = mode == 'G'   ? R.gamma(s, th)
+                        : mode == 'E' ? p - floor(p / PI) * PI
+                        : mode == 'F' ? sin(p) * R.env(s)
+                        : mode == 'W' ? sin(p) * sin(p) * R.env(s)
+                                      : (sin(p) < 0 ? -1 : 1);
     EXPECT_NEAR(g[(size_t)y * nx + x], want, 1e-4 * (1 + fabs(want))) << mode;
   }
   // Flipping twice gives back the image (a round CTF keeps the spectrum Hermitian).

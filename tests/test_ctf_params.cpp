@@ -107,7 +107,8 @@ TEST(KesmarParams, BoundsCheckRepairsWithExactWarnings) {
        "Warning: Invalid pixel size 0.00! Exit now. Make sure you are using the right value, typically 0.5~3.0. Set it "
        "as default 1.34.\n"},
       {{"--kV", "600"},
-       "Waring: Invalid high tension value kV=600.00. Exit now. Make sure you are using the right value, typically 300, "
+       "Waring: Invalid high tension value kV=600.00. Exit now. Make sure you are using the right value, typically "
+       "300, "
        "200, 120kV.\n"},
       {{"--defL", "9000", "--defH", "4000"}, "Warning: defL larger than defH, swapping them ...\n"},
       {{"--resL", "3", "--resH", "8"}, "Warning: resL smaller than resH, swapping them ...\n"},
@@ -148,10 +149,11 @@ TEST(KesmarParams, EchoLines) {
   testing::internal::CaptureStdout();
   p.k.kesmar_put_parameters(p.a.argc(), p.a.argv());
   const std::string echo = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(echo.find(std::string(99, '*') + "\nUser input parameters:\n        --apix                 1.070\n"
-                      "        --kv                   200.00\n        --boxsize              512\n\n"
-                      "All parameters to be used:\nGeneral options:\n"),
-            0u)
+  EXPECT_EQ(
+      echo.find(std::string(99, '*') + "\nUser input parameters:\n        --apix                 1.070\n"
+                                       "        --kv                   200.00\n        --boxsize              512\n\n"
+                                       "All parameters to be used:\nGeneral options:\n"),
+      0u)
       << echo;
   EXPECT_NE(echo.find("Phase shift options: OFF\n"), std::string::npos);
   EXPECT_NE(echo.find("Input CTF parameters for refinement:\n"), std::string::npos);
@@ -177,7 +179,7 @@ TEST(KesmarParams, StartingValuesFromStar) {
   EXPECT_EQ(p.p().ctfinit[1].valid, 1);
   EXPECT_EQ(p.p().ctfinit[1].defV, 12000);
   EXPECT_EQ(p.p().ctfinit[1].ps, 40);
-  EXPECT_EQ(p.p().ctfinit[1].kV, 300);  // absent column: the default
+  EXPECT_EQ(p.p().ctfinit[1].kV, 300);   // absent column: the default
   EXPECT_EQ(p.p().ctfinit[2].valid, 0);  // defocus U of 0
   EXPECT_EQ(p.p().ps_from_star, 1);
   DEFOCUS d[4];
@@ -203,8 +205,8 @@ std::string print_to_string(void (*f)(FILE*, void*), void* arg) {
 TEST(KesmarLines, SummaryLinesAndRefinementState) {
   const std::string line = print_to_string(
       [](FILE* fp, void*) {
-        log_ctfstar_ex_oneline(fp, "a/m.mrc", "a/m.ctf", 12345.678f, 13000, 42.5f, 300, 2.7f, 0.1f, 104477.6f, 14, 0.25f,
-                               3.5f);
+        log_ctfstar_ex_oneline(fp, "a/m.mrc", "a/m.ctf", 12345.678f, 13000, 42.5f, 300, 2.7f, 0.1f, 104477.6f, 14,
+                               0.25f, 3.5f);
       },
       nullptr);
   EXPECT_EQ(line,

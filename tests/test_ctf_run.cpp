@@ -128,8 +128,9 @@ TEST(KesmarRun, RelionReadsSummaryAndGivenValuesRefine) {
   synth("--out " + dir / "g.mrc" + " --nx 1024 --ny 1024 --defu 17000 --defv 18200 --angle 140 --seed 12 --truth " +
         dir / "truth.star");
   FILE* fp = fopen((dir / "in.star").c_str(), "w");
-  fprintf(fp, "\ndata_\n\nloop_\n_rlnMicrographName #1\n_rlnDefocusU #2\n_rlnDefocusV #3\n_rlnDefocusAngle #4\n"
-              "g.mrc 17300 18000 35\n");
+  fprintf(fp,
+          "\ndata_\n\nloop_\n_rlnMicrographName #1\n_rlnDefocusU #2\n_rlnDefocusV #3\n_rlnDefocusAngle #4\n"
+          "g.mrc 17300 18000 35\n");
   fclose(fp);
   std::string out;
   ASSERT_EQ(kesmar(dir.path, "--apix 1 --boxsize 512 --input_ctfstar in.star --refine_input_ctf 1", &out), 0) << out;
@@ -138,8 +139,9 @@ TEST(KesmarRun, RelionReadsSummaryAndGivenValuesRefine) {
 
   if (zk_run("command -v relion_star_printtable", nullptr) != 0) GTEST_SKIP() << "RELION is not installed";
   std::string table;
-  ASSERT_EQ(zk_run("cd '" + dir.path + "' && relion_star_printtable micrographs_all_kesmar.star data_ "
-                   "rlnMicrographName rlnDefocusU rlnDefocusV rlnDefocusAngle rlnFinalResolution",
+  ASSERT_EQ(zk_run("cd '" + dir.path +
+                       "' && relion_star_printtable micrographs_all_kesmar.star data_ "
+                       "rlnMicrographName rlnDefocusU rlnDefocusV rlnDefocusAngle rlnFinalResolution",
                    &table),
             0)
       << table;
@@ -157,7 +159,10 @@ TEST(KesmarRun, RecoversPhaseShiftAndMovieDefocus) {
   synth("--out " + dir / "p.mrc" + " --nx 1024 --ny 1024 --defu 9000 --defv 9800 --angle 50 --ps 70 --noise 2" +
         " --seed 5 --truth " + dir / "ptruth.star");
   std::string out;
-  ASSERT_EQ(kesmar(dir.path, "--apix 1 --phase_shift_S 10 --ctfstar p.star p.mrc", &out), 0) << out;
+  ASSERT_EQ(kesmar(dir.path,
+                   "--apix 1 --phase_shift_L 40 --phase_shift_H 100 --phase_shift_S 10 --ctfstar p.star p.mrc", &out),
+            0)
+      << out;
   const std::string star = zk_slurp(dir / "p.star");
   EXPECT_NE(star.find("_rlnCtfMaxResolution #12\n_rlnPhaseShift #13\np.mrc p.ctf:mrc "), std::string::npos) << star;
   expect_recovered(dir / "ptruth.star", dir / "p.star", 0.005, 2.0, 3.0);
@@ -165,9 +170,8 @@ TEST(KesmarRun, RecoversPhaseShiftAndMovieDefocus) {
   synth("--out " + dir / "m.mrc" + " --nx 1024 --ny 1024 --frames 3 --defu 16000 --defv 16000 --noise 2 --seed 6" +
         " --truth " + dir / "mtruth.star");
   for (const char* type : {"0", "1"}) {
-    ASSERT_EQ(kesmar(dir.path, std::string("--apix 1 --boxsize 512 --mdef_ave_type ") + type + " --ctfstar m m.mrc",
-                     &out),
-              0)
+    ASSERT_EQ(
+        kesmar(dir.path, std::string("--apix 1 --boxsize 512 --mdef_ave_type ") + type + " --ctfstar m m.mrc", &out), 0)
         << out;
     expect_recovered(dir / "mtruth.star", dir / "m.star", 0.003, 2.0, 0);
   }
@@ -194,7 +198,8 @@ TEST(KesmarRun, SkipsUnusableMicrographs) {
   ASSERT_EQ(kesmar(dir.path, "--apix 1 --boxsize 512 missing.mrc nan.mrc small.mrc cut.mrc good.mrc", &out), 0) << out;
   EXPECT_NE(out.find("the micrograph missing.mrc does NOT exsit! Automatically ignored!"), std::string::npos) << out;
   EXPECT_NE(out.find("the micrograph nan.mrc has NaN or infinite samples! Automatically ignored!"), std::string::npos);
-  EXPECT_NE(out.find("the micrograph small.mrc is smaller than the box: 256 x 256 pixels, box 512!"), std::string::npos);
+  EXPECT_NE(out.find("the micrograph small.mrc is smaller than the box: 256 x 256 pixels, box 512!"),
+            std::string::npos);
   EXPECT_NE(out.find("the micrograph cut.mrc cannot be read as an MRC file!"), std::string::npos);
   const auto rows = star_rows(dir / "micrographs_all_kesmar.star");
   ASSERT_EQ(rows.size(), 1u);

@@ -96,8 +96,8 @@ TEST_P(CtfSpectrum, GridSpectrumAgainstDirectTransform) {
   std::vector<float> full((size_t)bx * by);
   for (int y = 0; y < by; ++y)
     for (int x = 0; x < bx; ++x)
-      full[(size_t)y * bx + x] = x >= bx / 2 - 1 ? hl[(size_t)y * nxh + x - bx / 2 + 1]
-                                                 : hl[(size_t)((by - y) % by) * nxh + bx / 2 - 1 - x];
+      full[(size_t)y * bx + x] =
+          x >= bx / 2 - 1 ? hl[(size_t)y * nxh + x - bx / 2 + 1] : hl[(size_t)((by - y) % by) * nxh + bx / 2 - 1 - x];
   for (auto [x, y] : {std::pair{0, 0}, {5, 32}, {20, 10}, {32, 63}}) {
     const double want = full[(size_t)y * bx + bx / 2 - 1 + x] - box_mean_ref(full, bx, by, bx / 2 - 1 + x, y, conv);
     EXPECT_NEAR(hs[(size_t)y * nxh + x], want, 1e-4) << x << " " << y;

@@ -61,24 +61,42 @@ Para parse(int argc, char** argv) {
     std::string k = argv[i];
     if (i + 1 >= argc) usage(("no value after " + k).c_str());
     const char* v = argv[++i];
-    if (k == "--out") p.out = v;
-    else if (k == "--truth") p.truth = v;
-    else if (k == "--nx") p.nx = atoi(v);
-    else if (k == "--ny") p.ny = atoi(v);
-    else if (k == "--frames") p.frames = atoi(v);
-    else if (k == "--seed") p.seed = (unsigned)strtoul(v, nullptr, 10);
-    else if (k == "--apix") p.apix = atof(v);
-    else if (k == "--kv") p.kv = atof(v);
-    else if (k == "--cs") p.cs = atof(v);
-    else if (k == "--ac") p.ac = atof(v);
-    else if (k == "--defu") p.defu = atof(v);
-    else if (k == "--defv") p.defv = atof(v);
-    else if (k == "--angle") p.angle = atof(v);
-    else if (k == "--ps") p.ps = atof(v), p.ps_given = true;
-    else if (k == "--bfactor") p.bfactor = atof(v);
-    else if (k == "--noise") p.noise = atof(v);
-    else if (k == "--ice") p.ice = atof(v);
-    else usage(("unknown option " + k).c_str());
+    if (k == "--out")
+      p.out = v;
+    else if (k == "--truth")
+      p.truth = v;
+    else if (k == "--nx")
+      p.nx = atoi(v);
+    else if (k == "--ny")
+      p.ny = atoi(v);
+    else if (k == "--frames")
+      p.frames = atoi(v);
+    else if (k == "--seed")
+      p.seed = (unsigned)strtoul(v, nullptr, 10);
+    else if (k == "--apix")
+      p.apix = atof(v);
+    else if (k == "--kv")
+      p.kv = atof(v);
+    else if (k == "--cs")
+      p.cs = atof(v);
+    else if (k == "--ac")
+      p.ac = atof(v);
+    else if (k == "--defu")
+      p.defu = atof(v);
+    else if (k == "--defv")
+      p.defv = atof(v);
+    else if (k == "--angle")
+      p.angle = atof(v);
+    else if (k == "--ps")
+      p.ps = atof(v), p.ps_given = true;
+    else if (k == "--bfactor")
+      p.bfactor = atof(v);
+    else if (k == "--noise")
+      p.noise = atof(v);
+    else if (k == "--ice")
+      p.ice = atof(v);
+    else
+      usage(("unknown option " + k).c_str());
   }
   if (p.out.empty()) usage("--out is required");
   if (p.nx < 16 || p.ny < 16 || p.nx % 2 || p.ny % 2) usage("sizes must be even and at least 16");
@@ -137,7 +155,8 @@ void write_mrc(const std::string& name, const std::vector<float>& v, int nx, int
   mrc_set_head_xyz_mode(&head, nx, ny, nz, MRC_MODE_FLOAT);
   mrc_set_head_mmm_from_data(&head, v.data(), (uint32_t)std::min(v.size(), (size_t)UINT32_MAX));
   mrc_write_head(fp, &head);
-  if (fwrite(v.data(), sizeof(float), v.size(), fp) != v.size() || fclose(fp) != 0) usage(("writing failed: " + name).c_str());
+  if (fwrite(v.data(), sizeof(float), v.size(), fp) != v.size() || fclose(fp) != 0)
+    usage(("writing failed: " + name).c_str());
 }
 
 // The engine's normal forms: angle in [0, 90), phase shift in [-20, 160).
@@ -161,9 +180,17 @@ void append_truth(const Para& p) {
   if (!fp) usage("cannot write the truth file");
   if (fresh) {
     fprintf(fp, "\ndata_\n\nloop_\n");
-    const char* labels[] = {"_rlnMicrographName", "_rlnCtfImage", "_rlnDefocusU", "_rlnDefocusV", "_rlnDefocusAngle",
-                            "_rlnVoltage", "_rlnSphericalAberration", "_rlnAmplitudeContrast", "_rlnMagnification",
-                            "_rlnDetectorPixelSize", "_rlnCtfFigureOfMerit"};
+    const char* labels[] = {"_rlnMicrographName",
+                            "_rlnCtfImage",
+                            "_rlnDefocusU",
+                            "_rlnDefocusV",
+                            "_rlnDefocusAngle",
+                            "_rlnVoltage",
+                            "_rlnSphericalAberration",
+                            "_rlnAmplitudeContrast",
+                            "_rlnMagnification",
+                            "_rlnDetectorPixelSize",
+                            "_rlnCtfFigureOfMerit"};
     for (int i = 0; i < 11; ++i) fprintf(fp, "%s #%d\n", labels[i], i + 1);
     if (p.ps_given)
       fprintf(fp, "_rlnCtfMaxResolution #12\n_rlnPhaseShift #13\n");
@@ -198,8 +225,8 @@ int main(int argc, char** argv) {
   for (int y = 0; y < ny; ++y)
     for (int x = 0; x < nx; ++x) {
       const double dx = (x - cx) / nx, dy = (y - cy) / ny;
-      base[(size_t)y * nx + x] =
-          (float)(100.0 + 8.0 * ((double)x / nx - 0.5) - 5.0 * ((double)y / ny - 0.5) + 6.0 * exp(-(dx * dx + dy * dy) / 0.08));
+      base[(size_t)y * nx + x] = (float)(100.0 + 8.0 * ((double)x / nx - 0.5) - 5.0 * ((double)y / ny - 0.5) +
+                                         6.0 * exp(-(dx * dx + dy * dy) / 0.08));
     }
 
   // The specimen has deviation 2 counts; the noise p.noise times that.

@@ -118,9 +118,7 @@ HDI void def_UV2AD(float& ave, float& dif, float U, float V) {
 // Physics, single precision except where a product is formed in double.
 
 // Relativistic electron wavelength in A.
-HDI float hd_kV_to_lambda(float kV) {
-  return 12.264325141906738f / sqrtf((0.9784659743309021f * kV + 1000.0f) * kV);
-}
+HDI float hd_kV_to_lambda(float kV) { return 12.264325141906738f / sqrtf((0.9784659743309021f * kV + 1000.0f) * kV); }
 // Defocus along the azimuth theta: U along the angle A, V across it.
 HDI float hd_UVA_to_Ztheta(float theta, float U, float V, float A) {
   const float t = (float)((double)theta - (double)A * ZK_CTF_PI / 180.0);
@@ -128,8 +126,12 @@ HDI float hd_UVA_to_Ztheta(float theta, float U, float V, float A) {
   hd_sincosf(t, &sn, &cs);
   return U * (cs * cs) + V * (sn * sn);
 }
-HDI float hd_defocus_to_Ztheta(float theta, const DEFOCUS& d) { return hd_UVA_to_Ztheta(theta, d.defU, d.defV, d.defA); }
-HDI float hd_ctfinfo_to_Ztheta(float theta, const CTF_INFO& c) { return hd_UVA_to_Ztheta(theta, c.defU, c.defV, c.defA); }
+HDI float hd_defocus_to_Ztheta(float theta, const DEFOCUS& d) {
+  return hd_UVA_to_Ztheta(theta, d.defU, d.defV, d.defA);
+}
+HDI float hd_ctfinfo_to_Ztheta(float theta, const CTF_INFO& c) {
+  return hd_UVA_to_Ztheta(theta, c.defU, c.defV, c.defA);
+}
 HDI float hd_ctf_Ccs(float Cs, float lambda) {
   const double l = (double)lambda;
   return (float)(ZK_CTF_PI / 2.0 * (double)(1.0e7f * Cs) * (l * l * l));
@@ -157,16 +159,22 @@ HDI float hd_ctf_mode_value(float s, float gamma, float ac, float ps, float B, c
   if (mode == 'G') return gamma;
   const float phi = hd_ctf_phase_from_gamma(gamma, ac, ps);
   switch (mode) {
-    case 'P': return phi;
-    case 'E': return hd_periodic_equivalent(phi, 0.0f, ZK_CTF_PI_F);
-    case 'F': return hd_sinf(phi) * hd_bfac(s, B);
-    case 'A': return fabsf(hd_sinf(phi) * hd_bfac(s, B));
+    case 'P':
+      return phi;
+    case 'E':
+      return hd_periodic_equivalent(phi, 0.0f, ZK_CTF_PI_F);
+    case 'F':
+      return hd_sinf(phi) * hd_bfac(s, B);
+    case 'A':
+      return fabsf(hd_sinf(phi) * hd_bfac(s, B));
     case 'W': {
       const float v = hd_sinf(phi);
       return (v * v) * hd_bfac(s, B);
     }
-    case 'S': return hd_sinf(phi) < 0.0f ? -1.0f : 1.0f;
-    default: return 0.0f;
+    case 'S':
+      return hd_sinf(phi) < 0.0f ? -1.0f : 1.0f;
+    default:
+      return 0.0f;
   }
 }
 HDI float hd_ctf_s(float s, float theta, float kV, float Cs, float ac, float ps, float U, float V, float A, float B,

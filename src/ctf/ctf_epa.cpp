@@ -45,8 +45,8 @@ HDI float epa_gamma_to_s(const EpaConst& c, float Cz, float gamma) {
 
 // One sample of the curve: the weighted mean of the plane along the curve of
 // the reference phase at s, over a strip a quarter period wide.
-HDI float epa_curve_sample(const EpaConst& c, const float* in, int i, int oversmp, float apix, int nx, int ny,
-                           float sL, float sH) {
+HDI float epa_curve_sample(const EpaConst& c, const float* in, int i, int oversmp, float apix, int nx, int ny, float sL,
+                           float sH) {
   const float scale = 2.0f * (float)(nx - 1) * apix;  // pixels per 1/A
   const float s = (float)i / ((float)oversmp * scale);
   if (s <= sL || s >= sH) return 0.0f;
@@ -84,9 +84,8 @@ void epa_curve(const float* d_in, float* d_1d, int ncurve, int oversmp, float ap
                float resL, float resH) {
   const float sL = 1.0f / resL, sH = 1.0f / resH;
   // Each thread walks a whole curve: heavy work for one sample.
-  launch_2d_heavy(ncurve, 1, [=] HD(int i, int) {
-    d_1d[i] = epa_curve_sample(c, d_in, i, oversmp, apix, nx, ny, sL, sH);
-  });
+  launch_2d_heavy(ncurve, 1,
+                  [=] HD(int i, int) { d_1d[i] = epa_curve_sample(c, d_in, i, oversmp, apix, nx, ny, sL, sH); });
 }
 
 }  // namespace
@@ -300,8 +299,8 @@ void host_2d_half_epa_binned(const float* h_in, float* curve, int oversmp, float
   }
 }
 
-void ctf_epa_1d_ccf_binned(float& res, float limit, const float* h_a, int oversmp, float apix, int nx, int ny,
-                           float ps, float kV, float Cs, float ac, float U, float V, float A, float resL, float resH) {
+void ctf_epa_1d_ccf_binned(float& res, float limit, const float* h_a, int oversmp, float apix, int nx, int ny, float ps,
+                           float kV, float Cs, float ac, float U, float V, float A, float resL, float resH) {
   EpaFit f;
   f.ncurve = (nx - 1) * oversmp + 1;
   const EpaConst c = epa_const(kV, Cs, U, V, A);

@@ -44,8 +44,8 @@ float ctf_epa_1d_ccf_B_estimation(FILE* log, const char* mic_name, float& res, f
 void host_2d_half_epa_binned(const float* h_in, float* curve, int oversmp, float apix, int nx, int ny, float kV,
                              float Cs, float U, float V, float A, float resL, float resH);
 // ctf_epa_1d_ccf with the binned average of the host half plane h_a.
-void ctf_epa_1d_ccf_binned(float& res, float limit, const float* h_a, int oversmp, float apix, int nx, int ny,
-                           float ps, float kV, float Cs, float ac, float U, float V, float A, float resL, float resH);
+void ctf_epa_1d_ccf_binned(float& res, float limit, const float* h_a, int oversmp, float apix, int nx, int ny, float ps,
+                           float kV, float Cs, float ac, float U, float V, float A, float resL, float resH);
 
 // B-factor from the slope of a log-amplitude curve of n samples against s^2
 // over the band (r1, r2), either order: -4 times the slope.

@@ -188,14 +188,16 @@ void hcuda_x2d_half_res_based_multiply_inplace(float* a, const float* b, float a
 void hcuda_ctf_sim_1dh(float* d, int n, float apix, CTF_INFO ctf, RESO reso, char mode) {
   const ZkCtfTrial t = trial_of(ctf, reso);
   const float ps = ctf.ps;
-  launch_1d((size_t)n, [=] HD(unsigned int i) { d[i] = zk_ctf_mode_xy(t, zk_s_1dh(i, n, apix), (float)i, 0.0f, ps, mode); });
+  launch_1d((size_t)n,
+            [=] HD(unsigned int i) { d[i] = zk_ctf_mode_xy(t, zk_s_1dh(i, n, apix), (float)i, 0.0f, ps, mode); });
 }
 void gpu_ctf_sim_1dh(float* h, int n, float apix, CTF_INFO ctf, RESO reso, char mode) {
   stage_to_host(h, (size_t)n, [&](float* d) { hcuda_ctf_sim_1dh(d, n, apix, ctf, reso, mode); });
 }
 void cpu_ctf_sim_1dh(float* h, int n, float apix, CTF_INFO ctf, RESO reso, char mode) {
   const ZkCtfTrial t = trial_of(ctf, reso);
-  for (int i = 0; i < n; ++i) h[i] = zk_ctf_mode_xy(t, zk_s_1dh((unsigned int)i, n, apix), (float)i, 0.0f, ctf.ps, mode);
+  for (int i = 0; i < n; ++i)
+    h[i] = zk_ctf_mode_xy(t, zk_s_1dh((unsigned int)i, n, apix), (float)i, 0.0f, ctf.ps, mode);
 }
 
 namespace {
@@ -318,7 +320,8 @@ void cpu_ctf_sim_2d_c(float* h, unsigned int nx, unsigned int ny, float apix, fl
 }
 void hcuda_ctf_sim_1dhs_c(float* d, unsigned int n, float apix, int m, float kV, float Cs, float ac, float ps,
                           const float* Z, float B, float resL, float resH, char mode) {
-  for (int i = 0; i < m; ++i) hcuda_ctf_sim_1dh_c(d + (size_t)i * n, n, apix, kV, Cs, ac, ps, Z[i], B, resL, resH, mode);
+  for (int i = 0; i < m; ++i)
+    hcuda_ctf_sim_1dh_c(d + (size_t)i * n, n, apix, kV, Cs, ac, ps, Z[i], B, resL, resH, mode);
 }
 void gpu_ctf_sim_1dhs_c(float* h, unsigned int n, float apix, int m, float kV, float Cs, float ac, float ps,
                         const float* Z, float B, float resL, float resH, char mode) {
@@ -361,8 +364,8 @@ void gpu_phase_flip_r2dh_c(float* h_image, unsigned int nx, unsigned int ny, flo
   ZK_CHECK(memcpy_D2H(h_image, d.get(), n * sizeof(float)));
 }
 
-void host_ctf_simulate_2d(float* d, float apix, int nx, int ny, float ps, float kV, float Cs, float ac, float U, float V,
-                          float A, float B, float resL, float resH) {
+void host_ctf_simulate_2d(float* d, float apix, int nx, int ny, float ps, float kV, float Cs, float ac, float U,
+                          float V, float A, float B, float resL, float resH) {
   order_band(resL, resH);
   const double v = 1000.0 * kV;
   const double lambda = 12.2643247 / sqrt(v * (1.0 + 0.978466e-6 * v));

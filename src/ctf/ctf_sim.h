@@ -125,5 +125,5 @@ void gpu_phase_flip_r2dh_c(float* h_image, unsigned int nx, unsigned int ny, flo
                            float ps, float U, float V, float A);
 
 // The same plane as hcuda_ctf_mod_simulate_2d, all in double on the host.
-void host_ctf_simulate_2d(float* d, float apix, int nx, int ny, float ps, float kV, float Cs, float ac, float U, float V,
-                          float A, float B, float resL, float resH);
+void host_ctf_simulate_2d(float* d, float apix, int nx, int ny, float ps, float kV, float Cs, float ac, float U,
+                          float V, float A, float B, float resL, float resH);

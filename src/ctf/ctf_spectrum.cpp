@@ -106,13 +106,14 @@ void hcuda_2d_gridfft_r2c_amp_ave_log_subbg(const float* d_image, float* d_sub, 
   hcuda_2d_fft_amp_log_subbg_inplace(d_sub, bx, by, convsize);
 }
 void hcuda_2d_gridfft_r2c_amp_ave_log_subbg2(const float* d_image, float* d_log, float* d_sub, unsigned int nx,
-                                             unsigned int ny, unsigned int bx, unsigned int by, int step, int convsize) {
+                                             unsigned int ny, unsigned int bx, unsigned int by, int step,
+                                             int convsize) {
   grid_amplitude_sum(d_image, d_log, nx, ny, bx, by, step);
   hcuda_2d_logf_inplace(d_log, (int)(bx / 2 + 1), (int)by);
   hcuda_2d_fft_amp_subbg(d_sub, d_log, bx, by, convsize);
 }
-void hcuda_2d_gridfft_r2c_amp_ave(const float* d_image, float* d_amp, unsigned int nx, unsigned int ny,
-                                  unsigned int bx, unsigned int by, int step, int convsize) {
+void hcuda_2d_gridfft_r2c_amp_ave(const float* d_image, float* d_amp, unsigned int nx, unsigned int ny, unsigned int bx,
+                                  unsigned int by, int step, int convsize) {
   (void)convsize;
   grid_amplitude_sum(d_image, d_amp, nx, ny, bx, by, step);
 }

@@ -20,8 +20,8 @@ void hcuda_2d_gridfft_r2c_amp_ave_log_subbg(const float* d_image, float* d_sub, 
 void hcuda_2d_gridfft_r2c_amp_ave_log_subbg2(const float* d_image, float* d_log, float* d_sub, unsigned int nx,
                                              unsigned int ny, unsigned int bx, unsigned int by, int step, int convsize);
 // The amplitude sum alone.
-void hcuda_2d_gridfft_r2c_amp_ave(const float* d_image, float* d_amp, unsigned int nx, unsigned int ny,
-                                  unsigned int bx, unsigned int by, int step, int convsize);
+void hcuda_2d_gridfft_r2c_amp_ave(const float* d_image, float* d_amp, unsigned int nx, unsigned int ny, unsigned int bx,
+                                  unsigned int by, int step, int convsize);
 
 // Background removal on a half plane of a bx by by box: expanded to the full
 // plane, less its convsize box mean there, and back.

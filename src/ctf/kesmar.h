@@ -160,8 +160,8 @@ class KESMAR_A {
   int nx = 0, ny = 0, nxh = 0, ndef = 0, gridx = 0, gridy = 0, ngrid = 0;
   int nfull = 0, nhalf = 0, nimage = 0, nstack = 0;
 
-  std::vector<float> h_stack, h_raw_full, h_raw_half, h_bg_full, h_bg_half, h_sub_full, h_sub_half, h_sim_half,
-      h_rot1d, h_epa_half, h_out, h_def_ccc, h_def_value;
+  std::vector<float> h_stack, h_raw_full, h_raw_half, h_bg_full, h_bg_half, h_sub_full, h_sub_half, h_sim_half, h_rot1d,
+      h_epa_half, h_out, h_def_ccc, h_def_value;
   ZkDeviceArray<float> d_frame, d_image, d_raw_full, d_raw, d_bg_full, d_bg, d_sub_full, d_sub, d_frame_amp, d_tmp,
       d_tmp2, d_epa, d_sq, d_rot1d, d_sim1d, d_def_ccc, d_def_value;
 

@@ -36,13 +36,13 @@ void log_ctfstar_ex_head_phase_shift(FILE* fp) {
 
 void log_ctfstar_ex_oneline(FILE* fp, const char* mic, const char* ctf, float U, float V, float A, float kV, float Cs,
                             float ac, float mag, float dstep, float ccc, float res) {
-  fprintf(fp, "%s %s:mrc %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f\n", mic, ctf, U, V, A, kV,
-          Cs, ac, mag, dstep, ccc, res);
+  fprintf(fp, "%s %s:mrc %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f\n", mic, ctf, U, V, A,
+          kV, Cs, ac, mag, dstep, ccc, res);
 }
 void log_ctfstar_ex_oneline_phase_shift(FILE* fp, const char* mic, const char* ctf, float U, float V, float A, float ps,
                                         float kV, float Cs, float ac, float mag, float dstep, float ccc, float res) {
-  fprintf(fp, "%s %s:mrc %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f\n", mic, ctf, U, V,
-          A, kV, Cs, ac, mag, dstep, ccc, res, ps);
+  fprintf(fp, "%s %s:mrc %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f\n", mic, ctf, U,
+          V, A, kV, Cs, ac, mag, dstep, ccc, res, ps);
 }
 
 void host_2d_half_sim_raw_combine(float* out, const float* sim, const float* raw, int nx, int ny) {
@@ -120,13 +120,15 @@ void KESMAR_A::kesmar_write_star_oneline() {
 void KESMAR_A::kesmar_fput_parameters_ctffind3() {
   const KESMAR_Para& p = *para;
   kesmar_fput_parameters();
-  fprintf(log_fp, "********************************  parameter format for RELION: "
-                  "*********************************************\n\n");
+  fprintf(log_fp,
+          "********************************  parameter format for RELION: "
+          "*********************************************\n\n");
   fprintf(log_fp, " CS[mm], HT[kV], AmpCnst, XMAG, DStep[um]\n");
   fprintf(log_fp, "  %.1f    %.1f    %.2f  %.1f   %.3f\n\n", p.cs, p.kV, p.ac, 10000.0f * p.dstep / p.apix, p.dstep);
   fprintf(log_fp, " Positive defocus values for underfocus\n");
   fprintf(log_fp, " Box, ResMin[A], ResMax[A], dFMin[A], dFMax[A], FStep[A], dAst[A]\n");
   fprintf(log_fp, " %d       %.1f        %.1f   10000.0   70000.0  500.0    0.0\n", p.boxsize, p.resL, p.resH);
-  fprintf(log_fp, "********************************* end of parameter format for RELION: "
-                  "*************************************\n\n");
+  fprintf(log_fp,
+          "********************************* end of parameter format for RELION: "
+          "*************************************\n\n");
 }

@@ -151,9 +151,10 @@ void KESMAR_A::kesmar_init_parameters(int argc, char** argv) {
 namespace {
 
 [[noreturn]] void unrecognised(const char* word, int line, const char* tail) {
-  printf("\x1b[41m\x1b[1m\x1b[5mCRITICAL ERROR: in function %s(), file %s on line %d. Failed to recognize option: "
-         "%s! Exit now. %s\x1b[m\n\n",
-         "kesmar_get_parameters", zk_basename(__FILE__), line, word, tail);
+  printf(
+      "\x1b[41m\x1b[1m\x1b[5mCRITICAL ERROR: in function %s(), file %s on line %d. Failed to recognize option: "
+      "%s! Exit now. %s\x1b[m\n\n",
+      "kesmar_get_parameters", zk_basename(__FILE__), line, word, tail);
   kesmar_print_valid_options();
   zk_fail_plain("", 0);
 }
@@ -164,15 +165,24 @@ void mark_given(KESMAR_Para& p, const char* w) {
     KesmarIntField flag;
   };
   static const Flag flags[] = {
-      {"convsize", &KESMAR_Para::convsize_given},       {"defH", &KESMAR_Para::defH_given},
-      {"defL", &KESMAR_Para::defL_given},               {"defS", &KESMAR_Para::defS_given},
-      {"bfac", &KESMAR_Para::bfac_given},               {"resL", &KESMAR_Para::resL_given},
-      {"smooth_resL", &KESMAR_Para::smooth_resL_given}, {"phase_shift_H", &KESMAR_Para::phase_shift_H_given},
-      {"phase_shift_L", &KESMAR_Para::phase_shift_L_given}, {"phase_shift_S", &KESMAR_Para::phase_shift_S_given},
-      {"phase_shift_T", &KESMAR_Para::phase_shift_T_given}, {"Href_PS_err", &KESMAR_Para::Href_PS_err_given},
-      {"Href_U_err", &KESMAR_Para::Href_U_err_given},   {"Href_V_err", &KESMAR_Para::Href_V_err_given},
-      {"Href_A_err", &KESMAR_Para::Href_A_err_given},   {"boxsize", &KESMAR_Para::boxsize_given},
-      {"ctfout_resH", &KESMAR_Para::ctfout_resH_given}, {"input_ctfstar", &KESMAR_Para::input_ctfstar_given},
+      {"convsize", &KESMAR_Para::convsize_given},
+      {"defH", &KESMAR_Para::defH_given},
+      {"defL", &KESMAR_Para::defL_given},
+      {"defS", &KESMAR_Para::defS_given},
+      {"bfac", &KESMAR_Para::bfac_given},
+      {"resL", &KESMAR_Para::resL_given},
+      {"smooth_resL", &KESMAR_Para::smooth_resL_given},
+      {"phase_shift_H", &KESMAR_Para::phase_shift_H_given},
+      {"phase_shift_L", &KESMAR_Para::phase_shift_L_given},
+      {"phase_shift_S", &KESMAR_Para::phase_shift_S_given},
+      {"phase_shift_T", &KESMAR_Para::phase_shift_T_given},
+      {"Href_PS_err", &KESMAR_Para::Href_PS_err_given},
+      {"Href_U_err", &KESMAR_Para::Href_U_err_given},
+      {"Href_V_err", &KESMAR_Para::Href_V_err_given},
+      {"Href_A_err", &KESMAR_Para::Href_A_err_given},
+      {"boxsize", &KESMAR_Para::boxsize_given},
+      {"ctfout_resH", &KESMAR_Para::ctfout_resH_given},
+      {"input_ctfstar", &KESMAR_Para::input_ctfstar_given},
   };
   for (const Flag& f : flags)
     if (strcmp(f.word, w) == 0) p.*(f.flag) = 1;
@@ -208,7 +218,9 @@ void KESMAR_A::kesmar_get_parameters(int argc, char** argv) {
       continue;
     }
     switch (o->kind) {
-      case KOPT_BOOL: get_bool_keyword(argc, argv, p.*(o->i), i); break;
+      case KOPT_BOOL:
+        get_bool_keyword(argc, argv, p.*(o->i), i);
+        break;
       case KOPT_INT:
         if (i + 1 < argc) p.*(o->i) = o->int_from_float ? (int)zk_atof(argv[++i]) : zk_atoi(argv[++i]);
         break;
@@ -260,43 +272,50 @@ void KESMAR_A::kesmar_check_parameters(int argc, char** argv) {
     zk_fail_plain("", 1);
   }
   if (p.apix <= 0.01f || p.apix > 100.0f) {
-    printf("Warning: Invalid pixel size %.2f! Exit now. Make sure you are using the right value, typically 0.5~3.0. "
-           "Set it as default 1.34.\n",
-           p.apix);
+    printf(
+        "Warning: Invalid pixel size %.2f! Exit now. Make sure you are using the right value, typically 0.5~3.0. "
+        "Set it as default 1.34.\n",
+        p.apix);
     p.apix = 1.34f;
   } else if (p.apix > 10.0f || p.apix < 0.3f) {
-    printf("Warning: pixel size %.2f too large or small! Program will still run, but make sure you are using the right "
-           "value, typically 0.5~3.0.\n",
-           p.apix);
+    printf(
+        "Warning: pixel size %.2f too large or small! Program will still run, but make sure you are using the right "
+        "value, typically 0.5~3.0.\n",
+        p.apix);
   }
   if (p.dstep <= 0.1f || p.dstep > 1000.0f) {
-    printf("Warning: Invalid detector size %.2f! Exit now. Make sure you are using the right value, typically "
-           "3.0~30.0.Set it as default 14.0.\n",
-           p.dstep);
+    printf(
+        "Warning: Invalid detector size %.2f! Exit now. Make sure you are using the right value, typically "
+        "3.0~30.0.Set it as default 14.0.\n",
+        p.dstep);
     p.dstep = 14.0f;
   }
   if (p.kV < 10.0f || p.kV > 500.0f) {
-    printf("Waring: Invalid high tension value kV=%.2f. Exit now. Make sure you are using the right value, typically "
-           "300, 200, 120kV.\n",
-           p.kV);
+    printf(
+        "Waring: Invalid high tension value kV=%.2f. Exit now. Make sure you are using the right value, typically "
+        "300, 200, 120kV.\n",
+        p.kV);
     p.kV = 300.0f;
   }
   if (p.cs < 0.0f || p.cs >= 100.0f) {
-    printf("Waring: too small or large --Cs %.2f! Make sure you are using the right value, typically 2.0~2.7 in general "
-           "case or ~0 for Cs corrected microscope. Set it as default.\n",
-           p.cs);
+    printf(
+        "Waring: too small or large --Cs %.2f! Make sure you are using the right value, typically 2.0~2.7 in general "
+        "case or ~0 for Cs corrected microscope. Set it as default.\n",
+        p.cs);
     p.cs = 2.7f;
   }
   if (p.ac < 0.0f || p.ac > 1.0f) {
-    printf("Waring: too small or large --ac %.2f! Make sure you are using the right value, typically 0.04~0.1. Set it "
-           "as default.\n",
-           p.ac);
+    printf(
+        "Waring: too small or large --ac %.2f! Make sure you are using the right value, typically 0.04~0.1. Set it "
+        "as default.\n",
+        p.ac);
     p.ac = 0.1f;
   }
   if (p.bfac <= -500.0f || p.bfac >= 5000.0f) {
-    printf("Waring: too small or large --bfac %.2f! Make sure you are using the right value, typically 0~500. Set it "
-           "as default.\n",
-           p.bfac);
+    printf(
+        "Waring: too small or large --bfac %.2f! Make sure you are using the right value, typically 0~500. Set it "
+        "as default.\n",
+        p.bfac);
     p.bfac = 150.0f;
   }
   if (p.defH < p.defL) {
@@ -319,9 +338,10 @@ void KESMAR_A::kesmar_check_parameters(int argc, char** argv) {
   }
   if (p.astm < 0.0f) p.astm = -p.astm;
   if (p.astm >= 10000.0f) {
-    printf("Waring: too large --astm %.2f! Make sure you are using the right value, typically 100~3000 angstrom. Set "
-           "it as default 1000.0 angstrom. \n",
-           p.astm);
+    printf(
+        "Waring: too large --astm %.2f! Make sure you are using the right value, typically 100~3000 angstrom. Set "
+        "it as default 1000.0 angstrom. \n",
+        p.astm);
     p.astm = 1000.0f;
   }
   if (p.resL < p.resH) {
@@ -331,61 +351,71 @@ void KESMAR_A::kesmar_check_parameters(int argc, char** argv) {
     p.resH = t;
   }
   if (p.resH < 2.0f * p.apix) {
-    printf("Waring: Invalid resH %.2f! Exit now. Make sure you are using the right value, typically 4.0~8.0 angstrom, "
-           "and must be smaller than 30.Set it as default 4.0 angstrom.\n",
-           p.resH);
+    printf(
+        "Waring: Invalid resH %.2f! Exit now. Make sure you are using the right value, typically 4.0~8.0 angstrom, "
+        "and must be smaller than 30.Set it as default 4.0 angstrom.\n",
+        p.resH);
     p.resH = 2.0f * p.apix;
   }
   if (p.resH > 30.0f) {
-    printf("Waring: Invalid resH %.2f! Too big for reliable CTF determination! Reset to min{4.0, Nyquist} Make sure "
-           "you are using the right value, typically 4.0~8.0 angstrom, and must be smaller than 30.Set it as default "
-           "4.0 angstrom.\n",
-           p.resH);
+    printf(
+        "Waring: Invalid resH %.2f! Too big for reliable CTF determination! Reset to min{4.0, Nyquist} Make sure "
+        "you are using the right value, typically 4.0~8.0 angstrom, and must be smaller than 30.Set it as default "
+        "4.0 angstrom.\n",
+        p.resH);
     p.resH = 4.0f > 2.0f * p.apix ? 4.0f : 2.0f * p.apix;
   }
   if (p.resH >= 15.0f && p.resH <= 30.0f) {
-    printf("Waring: too large resH %.2f! Program will still run, but make sure you are using the right value, "
-           "typically 4.0~8.0 angstrom, and must be smaller than 30.0 angstrom.\n",
-           p.resH);
+    printf(
+        "Waring: too large resH %.2f! Program will still run, but make sure you are using the right value, "
+        "typically 4.0~8.0 angstrom, and must be smaller than 30.0 angstrom.\n",
+        p.resH);
   }
   if (p.resL < 6.0f) {
-    printf("Waring: Invalid resL %.2f! Exit now. Make sure you are using the right value, typically 500~50 angstrom, "
-           "and must be larger than 15. Set as default 50.0 angstrom.\n",
-           p.resL);
+    printf(
+        "Waring: Invalid resL %.2f! Exit now. Make sure you are using the right value, typically 500~50 angstrom, "
+        "and must be larger than 15. Set as default 50.0 angstrom.\n",
+        p.resL);
     p.resL = 50.0f;
   } else if (p.resL <= 12.0f) {
-    printf("Waring: too small resL %.2f! Program will still run, but make sure you are using the right value, "
-           "typically 500~50 angstrom, and usually larger than 10.0 angstrom.\n",
-           p.resL);
+    printf(
+        "Waring: too small resL %.2f! Program will still run, but make sure you are using the right value, "
+        "typically 500~50 angstrom, and usually larger than 10.0 angstrom.\n",
+        p.resL);
   }
   if (p.boxsize > 2048) {
-    printf("Waring: too large  --boxsize %d! Make sure you are using the right value, typically 512 or 1024, can't be "
-           "larger than 2048(2048 still fine). Set it as default 1024. \n",
-           p.boxsize);
+    printf(
+        "Waring: too large  --boxsize %d! Make sure you are using the right value, typically 512 or 1024, can't be "
+        "larger than 2048(2048 still fine). Set it as default 1024. \n",
+        p.boxsize);
     p.boxsize = 1024;
   }
   if (p.boxsize < 128) {
-    printf("Waring: too small  --boxsize %d! Make sure you are using the right value, typically 512 or 1024, can't be "
-           "smaller than 128(128 still fine). Set it as default 1024. \n",
-           p.boxsize);
+    printf(
+        "Waring: too small  --boxsize %d! Make sure you are using the right value, typically 512 or 1024, can't be "
+        "smaller than 128(128 still fine). Set it as default 1024. \n",
+        p.boxsize);
     p.boxsize = 1024;
   }
   if (p.overlap > 0.9f) {
-    printf("Waring: too large --overlap %.2f! Make sure you are using the right value, range 0.0~0.9, best. Set it as "
-           "0.9. \n",
-           p.overlap);
+    printf(
+        "Waring: too large --overlap %.2f! Make sure you are using the right value, range 0.0~0.9, best. Set it as "
+        "0.9. \n",
+        p.overlap);
     p.overlap = 0.9f;
   }
   if (p.overlap < 0.0f) {
-    printf("Waring: too small --overlap %.2f! Make sure you are using the right value, typically 0.0~0.9. Set it as "
-           "0.0. \n",
-           p.overlap);
+    printf(
+        "Waring: too small --overlap %.2f! Make sure you are using the right value, typically 0.0~0.9. Set it as "
+        "0.0. \n",
+        p.overlap);
     p.overlap = 0.0f;
   }
   if (p.convsize > p.boxsize / 2) {
-    printf("Waring: too large --convsize %d! Make sure you are using the right value, typically 0.0~0.9. Set it as "
-           "default boxsize/12 . \n",
-           p.convsize);
+    printf(
+        "Waring: too large --convsize %d! Make sure you are using the right value, typically 0.0~0.9. Set it as "
+        "default boxsize/12 . \n",
+        p.convsize);
     p.convsize = p.boxsize / 12;
   }
   if (p.B_resH < 2.0f * p.apix) p.B_resH = 2.0f * p.apix;
@@ -399,13 +429,15 @@ void KESMAR_A::kesmar_check_parameters(int argc, char** argv) {
     p.phase_shift_L = t;
   }
   if (p.phase_shift_H - p.phase_shift_L <= p.phase_shift_S)
-    printf("Waring: too large  phase shift search step: --phase_shift_S %f! Make sure you are using the right value, "
-           "typically 3-15. \n",
-           p.phase_shift_S);
+    printf(
+        "Waring: too large  phase shift search step: --phase_shift_S %f! Make sure you are using the right value, "
+        "typically 3-15. \n",
+        p.phase_shift_S);
   if (p.phase_shift_T != 1 && p.phase_shift_T != 2) {
-    printf("Waring: invalide --phase_shift_T %d! Make sure you are using the right value: 1 or 2. Forced to set "
-           "--phase_shift_T  1\n",
-           p.phase_shift_T);
+    printf(
+        "Waring: invalide --phase_shift_T %d! Make sure you are using the right value: 1 or 2. Forced to set "
+        "--phase_shift_T  1\n",
+        p.phase_shift_T);
     p.phase_shift_T = 1;
   }
   if (p.mdef_fit == 1 && p.mdef_ave_type == 0)

@@ -21,7 +21,9 @@ void KESMAR_A::kesmar_set_refined_PUVAC(float ps, float U, float V, float A, flo
   ref_defA = A;
   ref_ccc = ccc;
 }
-void KESMAR_A::kesmar_set_refined_PUVAC(PUVA q, float ccc) { kesmar_set_refined_PUVAC(q.ps, q.defU, q.defV, q.defA, ccc); }
+void KESMAR_A::kesmar_set_refined_PUVAC(PUVA q, float ccc) {
+  kesmar_set_refined_PUVAC(q.ps, q.defU, q.defV, q.defA, ccc);
+}
 
 void KESMAR_A::kesmar_set_Bres() {
   const KESMAR_Para& p = *para;
@@ -49,8 +51,9 @@ void KESMAR_A::kesmar_set_init_defUVA_for_2D_refine(float ps) {
     init = PUVA{c.ps, c.defU, c.defV, c.defA};
     err = PUVA{p.phase_shift_S, p.defU_err, p.defV_err, p.defA_err};
     def_err = (p.defU_err + p.defV_err) / 2.0f;
-    printf("input: PS = %f, defocus_U = %f, defocus_V = %f,  defocus_err = %f,  angle_azimuth = %f,  angle_err = %f  \n",
-           init.ps, init.defU, init.defV, def_err, init.defA, err.defA);
+    printf(
+        "input: PS = %f, defocus_U = %f, defocus_V = %f,  defocus_err = %f,  angle_azimuth = %f,  angle_err = %f  \n",
+        init.ps, init.defU, init.defV, def_err, init.defA, err.defA);
     return;
   }
   init.ps = ps;

@@ -132,15 +132,17 @@ int KESMAR_A::kesmar_check_access_openf_1st() {
   for (int i = 0; i < p.nfiles; ++i) {
     const char* mic = p.files[i];
     if (access(mic, F_OK) != 0) {
-      printf("\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the micrograph %s does NOT exsit! "
-             "Automatically ignored!\x1b[m\n\n",
-             __func__, zk_basename(__FILE__), __LINE__, mic);
+      printf(
+          "\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the micrograph %s does NOT exsit! "
+          "Automatically ignored!\x1b[m\n\n",
+          __func__, zk_basename(__FILE__), __LINE__, mic);
       continue;
     }
     if (access(mic, R_OK) != 0) {
-      printf("\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the micrograph %s are NOT readable! "
-             "Automatically ignored!\x1b[m\n\n",
-             __func__, zk_basename(__FILE__), __LINE__, mic);
+      printf(
+          "\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the micrograph %s are NOT readable! "
+          "Automatically ignored!\x1b[m\n\n",
+          __func__, zk_basename(__FILE__), __LINE__, mic);
       continue;
     }
     printf("Opening %s for initial test and preperation .......\n", mic);
@@ -162,8 +164,8 @@ int KESMAR_A::kesmar_check_access_openf_1st() {
 void KESMAR_A::kesmar_test_set_io_info() {
   mic_name = para->files[0];
   if (kesmar_check_access_openf_1st() < 0)
-    zk_fail_plain(zk_format("Error: none of the %d micrographs given can be opened and read; nothing to do.\n",
-                            para->nfiles));
+    zk_fail_plain(
+        zk_format("Error: none of the %d micrographs given can be opened and read; nothing to do.\n", para->nfiles));
   head_ref = head;
   head_1 = head;
   head_1.nz = 1;
@@ -269,7 +271,8 @@ int KESMAR_A::kesmar_prep_one_mic() {
     return -1;
   }
   if (head.nx < p.boxsize || head.ny < p.boxsize) {
-    report_unusable(mic_name, zk_format("is smaller than the box: %d x %d pixels, box %d", head.nx, head.ny, p.boxsize));
+    report_unusable(mic_name,
+                    zk_format("is smaller than the box: %d x %d pixels, box %d", head.nx, head.ny, p.boxsize));
     return -1;
   }
   check_mrc_head_sizes_two(p.first_mic, mic_name, &head_ref, &head);
@@ -306,9 +309,9 @@ void KESMAR_A::kesmar_free_ctf_data() {
   for (std::vector<float>* v : {&h_stack, &h_raw_full, &h_raw_half, &h_bg_full, &h_bg_half, &h_sub_full, &h_sub_half,
                                 &h_sim_half, &h_rot1d, &h_epa_half, &h_out, &h_def_ccc, &h_def_value})
     std::vector<float>().swap(*v);
-  for (ZkDeviceArray<float>* d : {&d_frame, &d_image, &d_raw_full, &d_raw, &d_bg_full, &d_bg, &d_sub_full, &d_sub,
-                                  &d_frame_amp, &d_tmp, &d_tmp2, &d_epa, &d_sq, &d_rot1d, &d_sim1d, &d_def_ccc,
-                                  &d_def_value})
+  for (ZkDeviceArray<float>* d :
+       {&d_frame, &d_image, &d_raw_full, &d_raw, &d_bg_full, &d_bg, &d_sub_full, &d_sub, &d_frame_amp, &d_tmp, &d_tmp2,
+        &d_epa, &d_sq, &d_rot1d, &d_sim1d, &d_def_ccc, &d_def_value})
     d->reset();
   star_file.reset();
   star_fp = nullptr;

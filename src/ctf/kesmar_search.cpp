@@ -71,7 +71,8 @@ int KESMAR_A::kesmar_1D_search_2D_refine_simplex_PS() {
   if (p.phase_shift_T == 1)
     puts("searching phase shift ... \n Phase_shift      def_U         def_V         Angle       CCC        ");
   else
-    puts("searching phase shift ... \n Phase_shift      def_U         def_V         Angle       CCC          Res_limit");
+    puts(
+        "searching phase shift ... \n Phase_shift      def_U         def_V         Angle       CCC          Res_limit");
   for (float ps = p.phase_shift_L; ps < p.phase_shift_H; ps += p.phase_shift_S) {
     ctrl.set_PHSLC(p.cosearch_refine_ps ? 1 : 0, 0, 0, 0, 0);
     kesmar_1D_search2(ps);
@@ -114,7 +115,8 @@ int KESMAR_A::kesmar_1D_search_2D_refine_simplex_PS() {
   }
 
   if (p.refine_after_EPA) {
-    say("Refining after EPA ...     phase_shfift  defocus_U  defocus_V  angle  ccc \nInput: %12.2f %12.2f %12.2f %12.2f "
+    say("Refining after EPA ...     phase_shfift  defocus_U  defocus_V  angle  ccc \nInput: %12.2f %12.2f %12.2f "
+        "%12.2f "
         "%12.6f",
         ref_ps, ref_defU, ref_defV, ref_defA, ref_ccc);
     kesmar_do_epa_2d();

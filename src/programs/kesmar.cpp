@@ -1,6 +1,7 @@
 // The CTF engine's entry: everything lives in the library.
-#include "core/report.h"
 #include "ctf/kesmar.h"
+
+#include "core/report.h"
 
 int main(int argc, char** argv) {
   try {
