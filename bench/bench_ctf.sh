@@ -115,7 +115,8 @@ run_set() {  # run_set <dir> <kesmar options>
   fi
   local n wall prep rss
   n=$(ls "$dir"/*.mrc | wc -l)
-  wall=$(awk -F': ' '/Elapsed \(wall clock\)/ {n = split($2, p, ":"); s = 0; for (i = 1; i <= n; i++) s = s * 60 + p[i]; print s}' "$tm")
+  wall=$(awk -F': ' '/Elapsed \(wall clock\)/ {
+    n = split($2, p, ":"); s = 0; for (i = 1; i <= n; i++) s = s * 60 + p[i]; print s }' "$tm")
   prep=$(awk '/PREPARATION/ {print $NF+0}' "$log")
   rss=$(awk -F': ' '/Maximum resident set size/ {printf "%.0f", $2 / 1024}' "$tm")
   printf "%-22s %4d %10.3f %10.3f %8s MB%s\n" "$(basename "$dir")" "$n" "$(echo "$wall / $n" | bc -l)" \
