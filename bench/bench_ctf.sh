@@ -13,7 +13,7 @@
 # absolute error of defocus U and V (A and %), of the angle where the
 # astigmatism exceeds 300 A, of the phase shift, and the failures (a defocus
 # error above 5 %).  Times the runs: seconds per micrograph over the whole
-# list and after the one-time preparation, and peak memory (resident set;
+# list and after the one-time preparation, CPU seconds, and peak memory (resident set;
 # on the GPU back end also the device memory reported by nvidia-smi).
 #
 # The back end is the build's: a CUDA build uses the GPU where one answers.
@@ -113,14 +113,15 @@ run_set() {  # run_set <dir> <kesmar options>
     gpu=$(sort -n "$dir/gpumem.txt" | tail -1)
     [ -n "$gpu" ] && gpu=" (GPU, all processes: $gpu MB)"
   fi
-  local n wall prep rss
+  local n wall prep rss cpu
   n=$(ls "$dir"/*.mrc | wc -l)
   wall=$(awk -F': ' '/Elapsed \(wall clock\)/ {
     n = split($2, p, ":"); s = 0; for (i = 1; i <= n; i++) s = s * 60 + p[i]; print s }' "$tm")
   prep=$(awk '/PREPARATION/ {print $NF+0}' "$log")
   rss=$(awk -F': ' '/Maximum resident set size/ {printf "%.0f", $2 / 1024}' "$tm")
-  printf "%-22s %4d %10.3f %10.3f %8s MB%s\n" "$(basename "$dir")" "$n" "$(echo "$wall / $n" | bc -l)" \
-    "$(echo "($wall - $prep) / $n" | bc -l)" "$rss" "$gpu" >> "$WORK/timing.txt"
+  cpu=$(awk -F': ' '/User time|System time/ {s += $2} END {print s}' "$tm")
+  printf "%-22s %4d %10.3f %10.3f %10.3f %8s MB%s\n" "$(basename "$dir")" "$n" "$(echo "$wall / $n" | bc -l)" \
+    "$(echo "($wall - $prep) / $n" | bc -l)" "$(echo "$cpu / $n" | bc -l)" "$rss" "$gpu" >> "$WORK/timing.txt"
 }
 
 : > "$WORK/timing.txt"
@@ -155,6 +156,7 @@ echo "Accuracy: mean and worst absolute error; angle where astigmatism > 300 A; 
 echo "set                       n  dF mean  dF max   dF% mean dF% max  ang mean ang max   ps mean  ps max  fails  lost"
 cat "$WORK/accuracy.txt"
 echo
-echo "Speed: seconds per micrograph over the list and after preparation; peak resident memory"
-echo "set                       n    s/mic    s/mic-prep   peak RSS"
+echo "Speed: wall seconds per micrograph over the list and after preparation, CPU seconds per micrograph,"
+echo "peak resident memory"
+echo "set                       n    s/mic   s/mic-prep  cpu-s/mic   peak RSS"
 cat "$WORK/timing.txt"
