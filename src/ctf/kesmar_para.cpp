@@ -11,7 +11,7 @@
 #include "formats/starfile.h"
 
 const char* const kesmar_version = "1.0";
-const char* const kesmar_updated_date = "2025-01-20";
+const char* const kesmar_updated_date = "2026-11-23";
 
 void kesmar_ref_control_init(CTF_REF_CONTROL& c) {
   c.A_tol = 0.5f;
