@@ -125,17 +125,63 @@ void hcuda_2ds_weighted_sum_abc(float* out, int nx, int ny, int nz, float a, flo
   });
 }
 
+void hcuda_2ds_fft_dose_dft_wtable(float* W, float* norm, float* cw, int Nx_half, int Ny, int Nz, float apix,
+                                   const float* dose, const float2* drift, const float* ctfw, GPS_PARA gps) {
+  const size_t plane = (size_t)Nx_half * Ny;
+  launch_2d(Nx_half, Ny, [=] HD(int i, int j) {
+    const size_t n = (size_t)j * Nx_half + i;
+    const MovieFreq q = movie_freq(i, j, Ny, apix);
+    float sum = 0.0f;
+    for (int f = 0; f < Nz; ++f) {
+      const float w = movie_frame_weight(q, apix, dose[f], drift[f], gps);
+      W[(size_t)f * plane + n] = w;
+      sum = movie_wnorm_add(sum, w, gps.wnorm_type);
+    }
+    norm[n] = movie_wnorm(sum, gps);
+    cw[n] = movie_ctfw_at(ctfw, q.r, Nx_half);
+  });
+}
+
+void hcuda_2ds_fft_wtable_wave_many(const float2* fft_in, float2* fft_out, int Nx_half, int Ny, int Nz, int np,
+                                    const float* W, const float* norm, const float* cw) {
+  const size_t plane = (size_t)Nx_half * Ny;
+  launch_2d(Nx_half, Ny * np, [=] HD(int i, int jp) {
+    const int p = jp / Ny, j = jp % Ny;
+    const size_t n = (size_t)j * Nx_half + i;
+    const float2* in = fft_in + (size_t)p * Nz * plane;
+    float re = 0.0f, im = 0.0f;
+    for (int f = 0; f < Nz; ++f) {
+      const float w = W[(size_t)f * plane + n];
+      const float2 v = in[(size_t)f * plane + n];
+      re = re + w * v.x;
+      im = im + w * v.y;
+    }
+    re = re / norm[n];
+    im = im / norm[n];
+    fft_out[(size_t)p * plane + n] = make_f2(re * cw[n], im * cw[n]);
+  });
+}
+
 // ===========================================================================
 // Host operations
 
+void fprint_dose_drif_ctfw(FILE* fp, const float* dose, const float2* drift, int n, const float* ctfw, int m) {
+  for (int i = 0; i < n; ++i)
+    fprintf(fp, "%8d dose %8.3f dftX %8.3f dftY %8.3f \n", i, dose[i], drift[i].x, drift[i].y);
+  for (int i = 0; i < m; ++i) fprintf(fp, "CTFw %8d %8.3f \n", i, ctfw[i]);
+}
 void print_dose_drif_ctfw(const float* dose, const float2* drift, int n, const float* ctfw, int m) {
-  for (int i = 0; i < n; ++i) printf("%8d dose %8.3f dftX %8.3f dftY %8.3f \n", i, dose[i], drift[i].x, drift[i].y);
-  for (int i = 0; i < m; ++i) printf("CTFw %8d %8.3f \n", i, ctfw[i]);
+  fprint_dose_drif_ctfw(stdout, dose, drift, n, ctfw, m);
 }
 
-void printf_psp(GPS_PARA g) {
-  printf("Ne_a=%f Ne_b=%f Da=%f Db=%f k=%f mw_skeme=%d  wnorm_type=%d  device=%d \n", g.Ne_a, g.Ne_b, g.Da, g.Db, g.k,
-         g.mw_skeme, g.wnorm_type, g.device);
+void fprintf_psp(FILE* fp, GPS_PARA g) {
+  fprintf(fp, "Ne_a=%f Ne_b=%f Da=%f Db=%f k=%f mw_skeme=%d  wnorm_type=%d  device=%d \n", g.Ne_a, g.Ne_b, g.Da, g.Db,
+          g.k, g.mw_skeme, g.wnorm_type, g.device);
+}
+void printf_psp(GPS_PARA g) { fprintf_psp(stdout, g); }
+
+void fprint_wave_sizes(FILE* fp, float apix, int Nx_half, int Ny, int Nz) {
+  fprintf(fp, "apix=%f  Nx_half=%d  Ny=%d Nz=%d \n", apix, Nx_half, Ny, Nz);
 }
 
 namespace {
@@ -147,9 +193,7 @@ ZkDeviceArray<T> to_device(const T* h, size_t n) {
   return d;
 }
 
-void print_sizes(float apix, int Nx_half, int Ny, int Nz) {
-  printf("apix=%f  Nx_half=%d  Ny=%d Nz=%d \n", apix, Nx_half, Ny, Nz);
-}
+void print_sizes(float apix, int Nx_half, int Ny, int Nz) { fprint_wave_sizes(stdout, apix, Nx_half, Ny, Nz); }
 
 }  // namespace
 

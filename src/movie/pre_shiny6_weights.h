@@ -167,6 +167,17 @@ void hcuda_2d_fft_dose_dft_wgen_wsum_one(const float2* fft_in, float2* fft_out, 
 void hcuda_2ds_weighted_sum_abc(float* out, int nx, int ny, int nz, float a, float b, float c, const float* va,
                                 const float* vb, const float* vc);
 
+// The weighted average of many particles at once.  The weights depend on the
+// frame and the frequency only, so one table serves every particle of a
+// movie: W (Nz planes of weights), the norm and the CTF weight of each
+// element, made by the same formulas as the one-pass kernel.
+void hcuda_2ds_fft_dose_dft_wtable(float* W, float* norm, float* cw, int Nx_half, int Ny, int Nz, float apix,
+                                   const float* dose, const float2* drift, const float* ctfw, GPS_PARA gps);
+// np particles of Nz frame spectra each (particle p at p*Nz*Ny*Nx_half) into
+// np averages: the bits of hcuda_2ds_fft_dose_dft_ctf_wave for each particle.
+void hcuda_2ds_fft_wtable_wave_many(const float2* fft_in, float2* fft_out, int Nx_half, int Ny, int Nz, int np,
+                                    const float* W, const float* norm, const float* cw);
+
 // ---------------------------------------------------------------------------
 // Host operations.
 
@@ -188,4 +199,10 @@ void cpu_2ds_fft_dose_dft_ctf_wave(float apix, const float2* fft_in, float2* fft
 // "%8d dose %8.3f dftX %8.3f dftY %8.3f \n" for each of n frames, then
 // "CTFw %8d %8.3f \n" for each of m radii.
 void print_dose_drif_ctfw(const float* dose, const float2* drift, int n, const float* ctfw, int m);
+// "Ne_a=%f Ne_b=%f Da=%f Db=%f k=%f mw_skeme=%d  wnorm_type=%d  device=%d \n".
 void printf_psp(GPS_PARA gps);
+// The same lines into a stream.
+void fprint_dose_drif_ctfw(FILE* fp, const float* dose, const float2* drift, int n, const float* ctfw, int m);
+void fprintf_psp(FILE* fp, GPS_PARA gps);
+// "apix=%f  Nx_half=%d  Ny=%d Nz=%d \n", the sizes line of the staged average.
+void fprint_wave_sizes(FILE* fp, float apix, int Nx_half, int Ny, int Nz);
