@@ -34,21 +34,37 @@ namespace {
 using HostBlock = std::unique_ptr<float, decltype(&free)>;
 
 // Where the frames of the particles come from: a stack in host memory,
-// particle p's frame f at (p * F + f) * nx * ny.
+// particle p's frame f at (p * F + f) * nx * ny, or the cut-outs of a movie in
+// device memory.
 struct ParticleFrames {
   const float* stack = nullptr;
+  const LombarCut* cut = nullptr;
   int nx = 0, ny = 0, F = 0;
+  mutable std::vector<float> host;
+  mutable ZkDeviceArray<float> d_one;
 
   size_t image() const { return (size_t)nx * ny; }
   // Frames first .. first + nf - 1 of particles p0 .. p0 + np - 1 into device
   // memory, particle after particle.
   void to_device(int p0, int np, int first, int nf, float* d) const {
+    if (cut) {
+      lombar_cut_to_device(*cut, p0, np, first, nf, d);
+      return;
+    }
     for (int k = 0; k < np; ++k)
       ZK_CHECK(memcpy_H2D(d + (size_t)k * nf * image(), stack + ((size_t)(p0 + k) * F + first) * image(),
                           (size_t)nf * image() * sizeof(float)));
   }
   // The same frames of one particle in host memory.
-  const float* on_host(int p, int first) const { return stack + ((size_t)p * F + first) * image(); }
+  const float* on_host(int p, int first, int nf) const {
+    if (!cut) return stack + ((size_t)p * F + first) * image();
+    const size_t n = (size_t)nf * image();
+    if (d_one.size() != n) d_one.allocate(n);
+    host.resize(n);
+    lombar_cut_to_device(*cut, p, 1, first, nf, d_one.get());
+    ZK_CHECK(memcpy_D2H(host.data(), d_one.get(), n * sizeof(float)));
+    return host.data();
+  }
 };
 
 // The geometry of one movie's run.
@@ -89,7 +105,7 @@ int batch_size(const LombarRunOptions& opt, const WaveJob& job) {
   const size_t per = (size_t)job.nf * (job.image() * sizeof(float) + job.plane() * sizeof(float2)) +
                      job.plane() * sizeof(float2) + job.image() * sizeof(float);
   size_t b = budget / per;
-  const size_t rows = ((size_t)1 << 21) / ((size_t)job.nf * job.ny);
+  const size_t rows = (size_t)65535 * 32 / ((size_t)job.nf * job.ny);
   if (b > rows) b = rows;
   if (b > (size_t)job.P) b = (size_t)job.P;
   return b < 1 ? 1 : (int)b;
@@ -143,7 +159,7 @@ void wave_staged(const LOMBAR_PARA* para, const ParticleFrames& src, const WaveJ
   const int nw = job.last - job.first;
   std::vector<float> weights(plane * (nw > 0 ? nw : 0));
   for (int p = 0; p < job.P; ++p) {
-    const float* frames = src.on_host(p, job.first);
+    const float* frames = src.on_host(p, job.first, job.nf);
     float* img = result + (size_t)p * image;
     switch (g.device) {
       case 2:
@@ -188,11 +204,20 @@ void wave_staged(const LOMBAR_PARA* para, const ParticleFrames& src, const WaveJ
 
 int mrcsf_dose_drift_ctf_wave_many(LOMBAR_PARA* para, int i) {
   (void)i;
-  MRC_HEAD sh;
-  mrcf_read_head(para->particles_name, &sh);
   const int F = para->head.nz;
-  if (F < 1 || sh.nz % F != 0) ZK_FATAL("Movie frame number not divided by ! ");
-  HostBlock stack(get_mrcf_data_all(para->particles_name), &free);
+  const LombarCut& cut = para->cut;
+  MRC_HEAD sh;
+  HostBlock stack(nullptr, &free);
+  if (cut.ready) {
+    // The head that extraction gives its stack.
+    mrc_init_head(&sh);
+    mrc_set_head_xyz_mode(&sh, cut.w, cut.h, cut.n * cut.nz, MRC_MODE_FLOAT);
+    if (cut.nz != F) ZK_FATAL("Movie frame number not divided by ! ");
+  } else {
+    mrcf_read_head(para->particles_name, &sh);
+    if (F < 1 || sh.nz % F != 0) ZK_FATAL("Movie frame number not divided by ! ");
+    stack.reset(get_mrcf_data_all(para->particles_name));
+  }
 
   WaveJob job;
   job.nx = sh.nx;
@@ -211,6 +236,7 @@ int mrcsf_dose_drift_ctf_wave_many(LOMBAR_PARA* para, int i) {
 
   ParticleFrames src;
   src.stack = stack.get();
+  src.cut = cut.ready ? &cut : nullptr;
   src.nx = job.nx;
   src.ny = job.ny;
   src.F = F;

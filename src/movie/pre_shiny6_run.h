@@ -10,6 +10,7 @@
 #include "core/str_utils.h"
 #include "device/cuda_general.h"
 #include "formats/mrcfile.h"
+#include "movie/pre_shiny6_cut.h"
 #include "movie/pre_shiny6_weights.h"
 
 // Ways of running that leave the result the same up to the FFT libraries'
@@ -52,6 +53,7 @@ struct LOMBAR_PARA {
   int invert = 0;
   int gid = 0;
   int do_unfinished = 0;
+  LombarCut cut;  // the current movie's particles, cut where they are weighted
   LombarRunOptions options;
 };
 
@@ -62,8 +64,8 @@ void lombar_check_first_parameters(LOMBAR_PARA* para, int i);
 // name_a, name_b, name_c from the suffixes, and particles_name
 // ("_particles.mrcs").
 void lombar_set_current_parameters(LOMBAR_PARA* para, int i);
-// The run over the current movie's particle movies, the stack
-// particles_name.  Frames first to last of each particle
+// The run over the current movie's particle movies: the cut-outs of cut when
+// it is ready, else the stack particles_name.  Frames first to last of each particle
 // (first below 0 counts as 0, last beyond the movie's last frame as that),
 // weighted by gps.device: 2 on the device (back end in force), 1 by the host
 // form, 3 plain mean, 4 the weights of the frames into "Weights3D.mrcs" (no
