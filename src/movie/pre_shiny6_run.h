@@ -48,6 +48,7 @@ struct LOMBAR_PARA {
   std::vector<float> ctfw;    // per Fourier radius
 
   int n_movies = 0;
+  int first_opt = 0, last_opt = 0;    // --first and --last as given; each movie's first and last come from them
   char first_movie[ZK_TXT_LEN] = {};  // the first usable movie, set by the front end
   int newsize = 360;                  // side of the cut-outs, 0 keeps the box file's
   int invert = 0;
