@@ -13,7 +13,9 @@
 //     aligned with the others;
 //   and, with --defocus, a round CTF (the project's CTF model, no envelope);
 // plus white noise of --noise times the deviation of the clean particle
-// image.  The drift of frame f is --drift0 (frame 0) to --drift1 (last
+// image.  The particle's atoms come from --particle_seed, drift and noise
+// from --seed, so movies of one particle differ in everything else.  The
+// drift of frame f is --drift0 (frame 0) to --drift1 (last
 // frame) pixels, linear, along --drift_angle degrees turned by a random
 // wobble of up to 30 degrees a frame.
 //
@@ -23,6 +25,7 @@
 //               [--drift_angle 30] [--noise 3] [--atom 1.5] [--defocus 0] [--kv 300]
 //               [--cs 2.7] [--ac 0.1] [--ctfw 0|1] [--box_suffix _zavik.box]
 //               [--dd_suffix _dose_drift.txt] [--truth particle.mrc] [--seed 1]
+//               [--particle_seed 1]
 //
 // Writes the movie (mode 2), "<movie><dd_suffix>" (frame, dose at the middle
 // of the frame, drift x, drift y), "<movie><box_suffix>" (EMAN boxes of side
@@ -51,7 +54,7 @@ namespace {
 struct Para {
   std::string out, truth, box_suffix = "_zavik.box", dd_suffix = "_dose_drift.txt";
   int size = 1024, frames = 40, box = 256, count = -1, ctfw = 0;
-  unsigned seed = 1;
+  unsigned seed = 1, particle_seed = 1;
   double apix = 1.0, diameter = 150, dose = 1.0, damage_a = 0.5, damage_b = 1.3;
   double drift0 = 1.5, drift1 = 0.3, drift_angle = 30, noise = 3.0, atom = 1.5;
   double defocus = 0, kv = 300, cs = 2.7, ac = 0.1;
@@ -63,7 +66,7 @@ struct Para {
           "usage: movie_synth --out mov.mrc [--size N] [--frames N] [--apix A] [--box N] [--count N]\n"
           "       [--diameter A] [--dose e/A2] [--damage_a a] [--damage_b b] [--drift0 px] [--drift1 px]\n"
           "       [--drift_angle deg] [--noise s] [--atom A] [--defocus um] [--kv kV] [--cs mm] [--ac f] [--ctfw 0|1]\n"
-          "       [--box_suffix s] [--dd_suffix s] [--truth particle.mrc] [--seed N]\n");
+          "       [--box_suffix s] [--dd_suffix s] [--truth particle.mrc] [--seed N] [--particle_seed N]\n");
   exit(1);
 }
 
@@ -83,6 +86,7 @@ Para parse(int argc, char** argv) {
     else if (k == "--count") p.count = atoi(v);
     else if (k == "--ctfw") p.ctfw = atoi(v);
     else if (k == "--seed") p.seed = (unsigned)strtoul(v, nullptr, 10);
+    else if (k == "--particle_seed") p.particle_seed = (unsigned)strtoul(v, nullptr, 10);
     else if (k == "--apix") p.apix = atof(v);
     else if (k == "--diameter") p.diameter = atof(v);
     else if (k == "--dose") p.dose = atof(v);
@@ -161,9 +165,9 @@ double sinc(double K) { return K == 0 ? 1.0 : sin(K) / K; }
 
 int main(int argc, char** argv) {
   const Para p = parse(argc, argv);
-  std::mt19937_64 rng(p.seed);
+  std::mt19937_64 shape(p.particle_seed), rng(p.seed);
   const int n = p.size, b = p.box, nh = n / 2 + 1, F = p.frames;
-  const std::vector<double> part = particle(p, rng);
+  const std::vector<double> part = particle(p, shape);
 
   // Particle centres on a grid of box-sized cells.
   const int cells = n / b, capacity = cells * cells;
