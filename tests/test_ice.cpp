@@ -399,12 +399,12 @@ TEST_P(Exclusion, CoordinatesEnterTheirCells) {
   device_free(d_ice);
 }
 
-TEST_P(Exclusion, BoxFileEntersAtMostOneBoxACell) {
+TEST_P(Exclusion, BoxFileEntersEveryBox) {
   ZkTmpDir tmp;
   const int L = 120, g = 60, G = 2;
   const std::string f = tmp / "global.box";
   FILE* fp = fopen(f.c_str(), "w");
-  // Six boxes for four cells: the last two are not read.
+  // Six boxes for four cells: the last two replace the words of their cells.
   fprintf(fp, "100 100 40 40\n300 100 40 40\n100 300 40 40\n300 300 40 40\n110 110 40 40\n310 310 40 40\n");
   fclose(fp);
   unsigned int* d_ice = d_alloc_uint(G * G);
@@ -412,8 +412,8 @@ TEST_P(Exclusion, BoxFileEntersAtMostOneBoxACell) {
   testing::internal::CaptureStdout();
   add_excluded_boxf_to_ice(d_ice, L, L, g, f.c_str(), 4);
   const std::string said = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(said, "       4 particles in file " + f + " excluded from auto-picking \n");
-  std::vector<unsigned int> want = {30 + 30 * L, 80 + 30 * L, 30 + 80 * L, 80 + 80 * L};
+  EXPECT_EQ(said, "       6 particles in file " + f + " excluded from auto-picking \n");
+  std::vector<unsigned int> want = {32 + 32 * L, 80 + 30 * L, 30 + 80 * L, 82 + 82 * L};
   EXPECT_EQ(from_dev(d_ice, G * G), want);
 
   // No file, or a null name: nothing added, the run goes on.

@@ -321,16 +321,24 @@ TEST(MrcSize, WrongLengthsEndWholeReadsButNotSliceReads) {
   addf(b, 6.5f);
   write_bytes(p, b);
   EXPECT_EQ(read_of(p, 'z', 0, 4), (Floats{6.5f, 0, 0, 0}));
-  // An extended header is not skipped: samples are taken from byte 1024.
+  // An extended header of next bytes is skipped: the samples follow it, and
+  // the size check counts it.
   b = raw_head(2, 1, 1, 2);
   put(b, 92, 8, 4);
-  b.resize(1024 + 8, 0);
+  b.resize(1024 + 8, 0x7f);
   addf(b, 3.0f);
   addf(b, 4.0f);
   write_bytes(p, b);
-  EXPECT_EQ(read_of(p, 'z', 0, 2), (Floats{0.0f, 0.0f}));
+  EXPECT_EQ(read_of(p, 'z', 0, 2), (Floats{3.0f, 4.0f}));
+  EXPECT_EQ(read_of(p, 0, 0, 2), (Floats{3.0f, 4.0f}));
+  MRC_HEAD h;
+  mrcf_read_head(p.c_str(), &h);
+  EXPECT_EQ(mrc_data_offset(&h), 1032);
+  // A head whose extended header leaves too few bytes fails the size check.
+  put(b, 92, 12, 4);
+  write_bytes(p, b);
   EXPECT_FAILS("Error in function mrc_read_all\\(\\), file mrcfile.cpp on line [0-9]+: File size error!! Exit now!",
-              read_of(p, 0, 0, 2));
+               read_of(p, 0, 0, 2));
 }
 
 TEST(MrcSize, DimensionKeywordsAndMissingFile) {

@@ -208,12 +208,10 @@ TEST(Params, SwitchesReadTheirValueOnlyFromDigitWords) {
 }
 
 TEST(Params, ValueOptionsTakeTheNextWordUnconditionally) {
-  Parsed r({"--lave_min", "-0.8", "--lp", "--hp", "--T_norm_type", "7", "--apixT", "abc", "m.mrc"});
+  Parsed r({"--lave_min", "-0.8", "--T_norm_type", "7", "--apixT", " 2.5e0", "m.mrc"});
   EXPECT_FLOAT_EQ(r.p.lave_min, -0.8f);
-  EXPECT_FLOAT_EQ(r.p.lp, 0.0f);  // "--hp" was lp's value
-  EXPECT_FLOAT_EQ(r.p.hp, 1000.0f);
-  EXPECT_EQ(r.p.T_norm_type, 7);     // not refused
-  EXPECT_FLOAT_EQ(r.p.apixT, 0.0f);  // text that is no number reads 0
+  EXPECT_EQ(r.p.T_norm_type, 7);  // not refused
+  EXPECT_FLOAT_EQ(r.p.apixT, 2.5f);
 }
 
 TEST(Params, WarningsInTheirOrderForWhatWasNotGiven) {
@@ -316,17 +314,16 @@ TEST(Params, EchoOfAFullCommandLine) {
 TEST(Params, EchoOfGivenOptionsShowsCommandTextOrRecordValue) {
   // --cc_cutoff shows its text converted again; --lp and --center1_ratio show the
   // record; a flag shows the parsing result and its consumed value prints
-  // nothing; "--lp --hp" makes --hp a row of its own; a repeat gets two rows.
-  Parsed r({"--cc_cutoff", "abc", "--center1_ratio", "0.1", "--update_T", "0", "--lp", "--hp", "--speed", "3",
+  // nothing; a repeat gets two rows.
+  Parsed r({"--cc_cutoff", "0.25", "--center1_ratio", "0.1", "--update_T", "0", "--lp", "25", "--speed", "3",
             "--speed", "1", "--gid", "7", "--excluded_suffix", "_x.box", "--T", "NONE", "m.mrc"});
   const std::string all = r.echo();
   const size_t b = all.find("User input parameters:\n") + strlen("User input parameters:\n");
   EXPECT_EQ(all.substr(b, all.find("\nAll parameters to be used:") - b),
-            "       --cc_cutoff          0.000\n"
+            "       --cc_cutoff          0.250\n"
             "       --center1_ratio      0.100\n"
             "       --update_T           0\n"
-            "       --lp                 0.000\n"
-            "       --hp                 1000.000\n"
+            "       --lp                 25.000\n"
             "       --speed              3\n"
             "       --speed              1\n"
             "       --gid                7\n"
@@ -352,8 +349,19 @@ TEST(Params, FailuresOfTheScan) {
       {{"--ang_step", "0", "m.mrc"}, 1, "--ang_step must be greater than 0! Exit now!"},
       {{"--ang_step", "-5", "m.mrc"}, 1, "--ang_step must be greater than 0"},
       {{"--diameter", "-100", "m.mrc"}, 1, "--diameter must be greater than 0"},
-      {{"--apixM", "zero", "m.mrc"}, 1, "--apixM must be greater than 0"},
-      {{"--apixM", "nan", "m.mrc"}, 1, "--apixM must be greater than 0"},
+      {{"--apixM", "0", "m.mrc"}, 1, "--apixM must be greater than 0"},
+      // A value that is no number in full, or outside its range, is refused before any work.
+      {{"--apixM", "1,34", "m.mrc"}, 1,
+       "Error in function zavik_get_parameters\\(\\), file zavik_para.cpp on line [0-9]+: --apixM takes a number, "
+       "not '1,34'! Exit now!"},
+      {{"--apixM", "nan", "m.mrc"}, 1, "--apixM takes a number, not 'nan'"},
+      {{"--lp", "--hp", "m.mrc"}, 1, "--lp takes a number, not '--hp'"},
+      {{"--speed", "abc", "m.mrc"}, 1, "--speed takes a whole number, not 'abc'"},
+      {{"--boxsize", "2.5", "m.mrc"}, 1, "--boxsize takes a whole number, not '2.5'"},
+      {{"--boxsize", "-5", "m.mrc"}, 1, "--boxsize must be greater than 0 and at most 1e\\+06, not -5! Exit now!"},
+      {{"--lp", "0", "m.mrc"}, 1, "--lp must be greater than 0"},
+      {{"--ac", "1.5", "m.mrc"}, 1, "--ac must lie between 0 and 1, not 1.5"},
+      {{"--gid", "-1", "m.mrc"}, 1, "--gid must lie between 0 and 1e\\+06, not -1"},
       {{"--min_dist", "7", "m.mrc"}, 1, "--min_dist 7.00 gives a grid cell of less than one pixel at speed 2"},
       {{"--speed", "0", "--min_dist", "1.8", "m.mrc"}, 1, "grid cell of less than one pixel at speed 0"},
       {{"--detect_ice", "0"}, 1, "Usage:(.|\n)*No valid files to be processed.! Exit now!"},

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
@@ -269,4 +270,103 @@ TEST(PickEndToEnd, AMicrographWithNaNSamplesGivesEmptyResultsAndTheRunGoesOn) {
   EXPECT_GT(read_centres(dir / "good_zavik.box", false).size(), 3u);
   EXPECT_EQ(zk_slurp(dir / "good_zavik.box"), zk_slurp(alone + "/good_zavik.box"));
   EXPECT_EQ(zk_slurp(dir / "good_zavik.star"), zk_slurp(alone + "/good_zavik.star"));
+}
+
+// A micrograph that is not square goes through the whole run: the picks are
+// fixed (any exchange of the two sizes moves them), the generated template is
+// searched at one angle (one dot) and every pick has angle 0.
+TEST(PickEndToEnd, NonSquareMicrographWithTheGeneratedTemplate) {
+  ZkTmpDir dir;
+  const std::string mic = dir / "ns.mrc";
+  ASSERT_EQ(synth("--out " + mic + " --nx 720 --ny 512 --apix 2 --diameter 150 --noise 0.5 --seed 11"), 0);
+  std::string out;
+  ASSERT_EQ(pick("--apixM 2 --diameter 150 --cc_cutoff 0.3 --ang_step 10 " + mic, &out), 0) << out;
+  EXPECT_NE(out.find("Template 001\n.\n"), std::string::npos) << out;
+  const std::vector<Centre> picks = read_centres(dir / "ns_zavik.box", false);
+  const int want[][2] = {{88, 116},  {268, 112}, {568, 180}, {148, 220}, {260, 212},
+                         {460, 216}, {576, 316}, {308, 360}, {492, 416}};
+  ASSERT_EQ(picks.size(), sizeof want / sizeof want[0]);
+  for (size_t i = 0; i < picks.size(); ++i) {
+    EXPECT_EQ(picks[i].x, want[i][0]) << i;
+    EXPECT_EQ(picks[i].y, want[i][1]) << i;
+  }
+  FILE* fp = fopen((dir / "ns_zavik.star").c_str(), "r");
+  ASSERT_NE(fp, nullptr);
+  char line[256];
+  int rows = 0;
+  while (fgets(line, sizeof line, fp)) {
+    int x, y, t;
+    float psi, cc;
+    if (sscanf(line, "%d %d %f %d %f", &x, &y, &psi, &t, &cc) != 5) continue;
+    EXPECT_EQ(psi, 0.0f);
+    EXPECT_EQ(t, 0);
+    ++rows;
+  }
+  fclose(fp);
+  EXPECT_EQ(rows, (int)picks.size());
+}
+
+// Micrographs and templates with an extended header (as microscope software
+// writes them) give the same picks as the plain files.
+TEST(PickEndToEnd, ExtendedHeadersAreSkipped) {
+  ZkTmpDir dir;
+  const std::string args = " --nx 512 --ny 512 --apix 2 --diameter 150 --noise 0.5 --seed 5 --ntemplates 2";
+  ASSERT_EQ(synth("--out " + (dir / "p.mrc") + " --templates " + (dir / "p_T.mrcs") + args), 0);
+  ASSERT_EQ(synth("--out " + (dir / "e.mrc") + " --templates " + (dir / "e_T.mrcs") + args + " --next 1024"), 0);
+  ASSERT_EQ(zk_slurp(dir / "e.mrc").size(), zk_slurp(dir / "p.mrc").size() + 1024);
+  std::string out;
+  for (const char* m : {"p", "e"}) {
+    const std::string base = dir / m;
+    ASSERT_EQ(pick("--apixM 2 --diameter 150 --T " + base + "_T.mrcs --apixT 2 --ang_step 30 " + base + ".mrc", &out),
+              0)
+        << out;
+  }
+  EXPECT_GT(read_centres(dir / "p_zavik.box", false).size(), 3u);
+  EXPECT_EQ(zk_slurp(dir / "e_zavik.box"), zk_slurp(dir / "p_zavik.box"));
+  EXPECT_EQ(zk_slurp(dir / "e_zavik.star"), zk_slurp(dir / "p_zavik.star"));
+}
+
+// Under --do_unfinished a micrograph counts as done only with both results:
+// a box file without its .star (a run stopped between them) is picked again.
+TEST(PickEndToEnd, DoUnfinishedRedoesABoxWithoutItsStar) {
+  ZkTmpDir dir;
+  const std::string mic = dir / "h.mrc";
+  ASSERT_EQ(synth("--out " + mic + " --nx 512 --ny 512 --apix 2 --diameter 150 --noise 0.5 --seed 8"), 0);
+  std::string out;
+  ASSERT_EQ(pick("--apixM 2 --diameter 150 " + mic, &out), 0) << out;
+  const std::string box = zk_slurp(dir / "h_zavik.box"), star = zk_slurp(dir / "h_zavik.star");
+  ASSERT_EQ(remove((dir / "h_zavik.star").c_str()), 0);
+  ASSERT_EQ(pick("--apixM 2 --diameter 150 --do_unfinished 1 " + mic, &out), 0) << out;
+  EXPECT_NE(out.find("Micrograph " + mic + " has " + (dir / "h_zavik.box") + " but not " + (dir / "h_zavik.star") +
+                     ": it is picked again.\n"),
+            std::string::npos)
+      << out;
+  EXPECT_EQ(zk_slurp(dir / "h_zavik.box"), box);
+  EXPECT_EQ(zk_slurp(dir / "h_zavik.star"), star);
+  // With both there, it is skipped.
+  ASSERT_EQ(pick("--apixM 2 --diameter 150 --do_unfinished 1 " + mic, &out), 0) << out;
+  EXPECT_NE(out.find("has already been processed. Automatically skipped."), std::string::npos);
+}
+
+// The box filter works on the run's own candidates in memory, never on what
+// "_nonunique.box" holds by then: another run in the same folder may have
+// rewritten it.  Here the name is a link to /dev/null, which swallows every
+// write; the picks are those of a plain run, and the candidates file ends up
+// as a file of its own in place of the link.
+TEST(PickEndToEnd, TheBoxFilterUsesTheRunsOwnCandidates) {
+  ZkTmpDir dir;
+  const std::string a = dir / "a", b = dir / "b";
+  ASSERT_EQ(mkdir(a.c_str(), 0755), 0);
+  ASSERT_EQ(mkdir(b.c_str(), 0755), 0);
+  for (const std::string& d : {a, b})
+    ASSERT_EQ(synth("--out " + d + "/m.mrc --nx 512 --ny 512 --apix 2 --diameter 150 --noise 0.5 --seed 4"), 0);
+  ASSERT_EQ(symlink("/dev/null", (b + "/m_nonunique.box").c_str()), 0);
+  std::string out;
+  for (const std::string& d : {a, b}) ASSERT_EQ(pick("--apixM 2 --diameter 150 " + d + "/m.mrc", &out), 0) << out;
+  EXPECT_GT(read_centres(a + "/m_zavik.box", false).size(), 3u);
+  for (const char* f : {"/m_zavik.box", "/m_zavik.star", "/m_nonunique.box"})
+    EXPECT_EQ(zk_slurp(b + f), zk_slurp(a + f)) << f;
+  struct stat st;
+  ASSERT_EQ(lstat((b + "/m_nonunique.box").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISREG(st.st_mode));
 }

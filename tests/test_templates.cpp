@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstring>
@@ -166,6 +167,19 @@ TEST(Templates, UnusableFilesOrPixelSizesEndTheRun) {
   EXPECT_FAILS("Template file " + e + " has no usable size or mode in its head: Nx 4, Ny 3, Nz 0, mode 2.\nError in function "
       "get_template_data\\(\\), file zavik56_templates.cpp on line [0-9]+: unusable template file! Exit now!",
                get_template_data(Tx, Ty, Nt, e.c_str()););
+  // A stack shorter than its head promises is refused before the stack is
+  // allocated, however large the head's sizes.
+  mrcf_write_xyz_data(f.c_str(), one.data(), 4, 4, 1);
+  ASSERT_EQ(truncate(f.c_str(), 1024 + 60), 0);
+  EXPECT_FAILS("Template file " + f + " is shorter than its head promises: 1084 bytes, at least 1088 needed.\n"
+               "Error in function get_template_data.*unusable template file! Exit now!",
+               get_template_data(Tx, Ty, Nt, f.c_str()));
+  mrc_set_head_xyz_mode(&head, 8000, 8000, 4, MRC_MODE_FLOAT);
+  fp = fopen(e.c_str(), "wb");
+  mrc_write_head(fp, &head);
+  fclose(fp);
+  EXPECT_FAILS("Template file " + e + " is shorter than its head promises: 1024 bytes, at least 1024001024 needed",
+               get_template_data(Tx, Ty, Nt, e.c_str()));
 }
 
 TEST(Templates, NormalisationTypes) {

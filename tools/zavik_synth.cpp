@@ -12,6 +12,10 @@
 //               [--diameter 200] [--count N] [--defocus 1.5] [--noise 1.0]
 //               [--slope 0.3] [--contamination 2] [--mode 2] [--seed 1]
 //               [--truth mic_truth.box] [--templates T.mrcs --ntemplates 6]
+//               [--next 0]
+//
+// --next puts an extended header of that many bytes before the samples of the
+// micrograph and the templates, as microscope software does.
 //
 // Lengths in angstrom, defocus in micrometres.  --noise is the deviation of the
 // white noise in units of the peak contrast of a particle: 0.5 is easy, 2 hard.
@@ -32,7 +36,7 @@ namespace {
 
 struct SynthPara {
   std::string out, truth, templates;
-  int nx = 3838, ny = 3710, count = -1, mode = 2, ntemplates = 6, contamination = 2;
+  int nx = 3838, ny = 3710, count = -1, mode = 2, ntemplates = 6, contamination = 2, next = 0;
   unsigned seed = 1;
   double apix = 1.34, diameter = 200, defocus = 1.5, kv = 300, cs = 2.7, ac = 0.1, bfactor = 150;
   double noise = 1.0, slope = 0.3;
@@ -48,7 +52,7 @@ struct Blob {
           "usage: zavik_synth --out mic.mrc [--nx N] [--ny N] [--apix A] [--diameter A] [--count N]\n"
           "       [--defocus um] [--kv kV] [--cs mm] [--ac f] [--bfactor A2] [--noise s] [--slope s]\n"
           "       [--contamination N] [--mode 0|1|2|6|12] [--seed N] [--truth file.box]\n"
-          "       [--templates T.mrcs] [--ntemplates N]\n");
+          "       [--templates T.mrcs] [--ntemplates N] [--next bytes]\n");
   exit(1);
 }
 
@@ -67,6 +71,7 @@ SynthPara parse(int argc, char** argv) {
     else if (k == "--mode") p.mode = atoi(v);
     else if (k == "--ntemplates") p.ntemplates = atoi(v);
     else if (k == "--contamination") p.contamination = atoi(v);
+    else if (k == "--next") p.next = atoi(v);
     else if (k == "--seed") p.seed = (unsigned)strtoul(v, nullptr, 10);
     else if (k == "--apix") p.apix = atof(v);
     else if (k == "--diameter") p.diameter = atof(v);
@@ -84,6 +89,7 @@ SynthPara parse(int argc, char** argv) {
   if (p.apix <= 0 || p.diameter <= 0) usage("--apix and --diameter must be positive");
   if (p.mode != 0 && p.mode != 1 && p.mode != 2 && p.mode != 6 && p.mode != 12) usage("--mode must be 0, 1, 2, 6 or 12");
   if (p.ntemplates < 1) usage("--ntemplates must be at least 1");
+  if (p.next < 0) usage("--next must not be negative");
   return p;
 }
 
@@ -126,7 +132,9 @@ void apply_ctf(fftwf_complex* f, int nx, int ny, const SynthPara& p) {
 }
 
 // Writes floats in the asked MRC mode; integer modes are rounded and clamped.
-void write_mrc(const std::string& name, const std::vector<float>& v, int nx, int ny, int nz, int mode) {
+// An extended header of next bytes ("FEI1" and filler, as microscope software
+// writes one) goes between the head and the samples.
+void write_mrc(const std::string& name, const std::vector<float>& v, int nx, int ny, int nz, int mode, int next) {
   FILE* fp = fopen(name.c_str(), "wb");
   if (!fp) {
     fprintf(stderr, "zavik_synth: cannot write %s\n", name.c_str());
@@ -145,7 +153,9 @@ void write_mrc(const std::string& name, const std::vector<float>& v, int nx, int
   head.amin = mn;
   head.amax = mx;
   head.amean = (float)(sum / v.size());
+  head.next = next;
   mrc_write_head(fp, &head);
+  for (int i = 0; i < next; ++i) fputc(i < 4 ? "FEI1"[i] : 0xA5, fp);
   for (float x : v) {
     switch (mode) {
       case 0: {
@@ -245,7 +255,7 @@ int main(int argc, char** argv) {
       v += p.noise * gauss(rng);
       out[(size_t)y * nx + x] = (float)(100.0 + 12.0 * v);
     }
-  write_mrc(p.out, out, nx, ny, 1, p.mode);
+  write_mrc(p.out, out, nx, ny, 1, p.mode, p.next);
 
   if (!p.truth.empty()) {
     FILE* fp = fopen(p.truth.c_str(), "w");
@@ -264,7 +274,7 @@ int main(int argc, char** argv) {
         for (int x = 0; x < tb; ++x)
           stack[((size_t)t * tb + y) * tb + x] =
               (float)particle_density((x - c) * p.apix, (y - c) * p.apix, 360.0 * t / p.ntemplates, 0.5 * p.diameter);
-    write_mrc(p.templates, stack, tb, tb, p.ntemplates, 2);
+    write_mrc(p.templates, stack, tb, tb, p.ntemplates, 2, p.next);
   }
   printf("zavik_synth: %s, %d x %d, mode %d, %zu particles, box %d\n", p.out.c_str(), nx, ny, p.mode, parts.size(), box);
   fftwf_destroy_plan(fwd);

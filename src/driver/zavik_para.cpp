@@ -1,5 +1,8 @@
 #include "driver/zavik_para.h"
 
+#include <cerrno>
+#include <climits>
+#include <cmath>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -107,6 +110,26 @@ const char* echo_label(const ZkOption& o) {
     snprintf(msg_, sizeof msg_, __VA_ARGS__);                             \
     zk_fatal("zavik_get_parameters", zk_basename(__FILE__), __LINE__, msg_); \
   } while (0)
+
+// A value is a number in full: "1,34", "abc" or "12px" would otherwise run
+// silently as 1, 0 or 12.  The value is the one atof or atoi gives.
+bool parse_float(const char* text, float& v) {
+  char* end = nullptr;
+  errno = 0;
+  const double d = strtod(text, &end);
+  if (end == text || *end != '\0' || errno == ERANGE || !std::isfinite(d) || !std::isfinite((float)d)) return false;
+  v = (float)d;
+  return true;
+}
+
+bool parse_int(const char* text, int& v) {
+  char* end = nullptr;
+  errno = 0;
+  const long n = strtol(text, &end, 10);
+  if (end == text || *end != '\0' || errno == ERANGE || n < INT_MIN || n > INT_MAX) return false;
+  v = (int)n;
+  return true;
+}
 
 // A name must fit its 1024-byte buffer and leave room for the terminator.
 void check_name_length(const char* name, const char* what) {
@@ -243,10 +266,10 @@ void zavik_get_parameters(int argc, char** argv, Zavik_Para* para) {
         break;
       }
       case OPT_FLOAT:
-        f_field(para, o) = (float)atof(value);
+        if (!parse_float(value, f_field(para, o))) PARA_FATAL("--%s takes a number, not '%s'", o.word, value);
         break;
       default:
-        i_field(para, o) = atoi(value);
+        if (!parse_int(value, i_field(para, o))) PARA_FATAL("--%s takes a whole number, not '%s'", o.word, value);
         break;
     }
     if (strcmp(o.word, "speed") == 0) zavik_speed2shrink(para->speed, para->shrink);
@@ -267,6 +290,29 @@ void zavik_get_parameters(int argc, char** argv, Zavik_Para* para) {
   if (!(para->ang_step > 0.0f)) PARA_FATAL("--ang_step must be greater than 0");
   if (!(para->diameter > 0.0f)) PARA_FATAL("--diameter must be greater than 0");
   if (!(para->apixM > 0.0f)) PARA_FATAL("--apixM must be greater than 0");
+  // Values outside their sensible range would give empty or meaningless
+  // results without a word.
+  struct Range {
+    const char* word;
+    double low, high;  // low < value <= high; low <= value <= high when closed
+    bool closed;
+  };
+  static const Range ranges[] = {
+      {"apixT", 0, 1e6, false},     {"min_dist", 0, 1e9, false},   {"boxsize", 0, 1e6, false},
+      {"ang_step", 0, 360, false},  {"lp", 0, 1e9, false},         {"hp", 0, 1e9, false},
+      {"pre_lp", 0, 1e9, false},    {"pre_hp", 0, 1e9, false},     {"lsigma_D", 0, 1e9, false},
+      {"lave_D", 0, 1e9, false},    {"center1_ratio", 0, 1, true}, {"kV", 0, 1e4, false},
+      {"cs", 0, 1e3, true},         {"ac", 0, 1, true},            {"gid", 0, 1e6, true},
+  };
+  for (const Range& r : ranges) {
+    const int k = option_index(r.word);
+    if (!given[k]) continue;
+    const ZkOption& o = OPTIONS[k];
+    const double v = o.kind == OPT_FLOAT ? (double)f_field(para, o) : (double)i_field(para, o);
+    const bool inside = (r.closed ? v >= r.low : v > r.low) && v <= r.high;
+    if (!inside && r.closed) PARA_FATAL("--%s must lie between %g and %g, not %g", r.word, r.low, r.high, v);
+    if (!inside) PARA_FATAL("--%s must be greater than %g and at most %g, not %g", r.word, r.low, r.high, v);
+  }
 
   if (!is_str_null(para->T)) para->auto_T = 0;
   if (!given[option_index("min_dist")]) para->min_dist = (float)(0.8 * para->diameter);

@@ -53,7 +53,8 @@ void zavik_stage_upload_templates(ZkRun* run) {
   for (int t = 0; t < run->Nt; ++t) {
     // h_T_all keeps the stack as read; each template is normalised on a copy.
     memcpy(run->h_T.data(), run->h_T_all.get() + t * TT, TT * sizeof(float));
-    normalize_template_by_type(run->h_T.data(), run->Tx, run->Ty, para->T_norm_type, para->T_radius, para->center1_ratio);
+    normalize_template_by_type(run->h_T.data(), run->Tx, run->Ty, para->T_norm_type, para->T_radius,
+                               para->center1_ratio);
     ZK_CHECK(memcpy_H2D(run->d_T.get() + t * TT, run->h_T.data(), TT * sizeof(float)));
   }
   // Dark particles by default: a positive template, generated ones included,
@@ -181,7 +182,8 @@ void zavik_stage_finish_search(ZkRun* run) {
 }
 
 void zavik_stage_begin_picking(ZkRun* run) {
-  if (run->bank && !run->no_picks) zavik_search_bank_set_micrograph(run->bank.get(), run->d_mic.get(), run->d_mask.get());
+  if (run->bank && !run->no_picks)
+    zavik_search_bank_set_micrograph(run->bank.get(), run->d_mic.get(), run->d_mask.get());
 }
 
 void zavik_stage_search_template(ZkRun* run, int t) {
@@ -196,15 +198,16 @@ void zavik_stage_search_template(ZkRun* run, int t) {
   if (run->bank)
     zavik_search_bank_run(run->bank.get(), t, run->d_ccmax.get(), run->d_psi.get(), 1);
   else
-    zavik_ccmax_psi_by_one_template(run->d_mic.get(), run->d_mask.get(), run->d_ccmax.get(), run->d_psi.get(), 1, L, L, run->d_T.get() + t * TT,
-                                    run->Tx, run->Ty, para->T_radius, para->psi_start, para->psi_end,
-                                    para->ang_step);
-  gpu_find_filter_ccmax_psi_grids_exclusive(run->d_ccmax.get(), run->d_psi.get(), run->grid_index.data(), run->grid_cc.data(), run->grid_psi.data(),
-                                            para->cc_cutoff, L, L, run->G, run->d_ice.get(),
-                                            (unsigned int)(run->Gx * run->Gy));
-  output_zavik_coord_one_temp(run->fp_nonunique.get(), run->grid_index.data(), run->grid_cc.data(), run->grid_psi.data(), t, run->Gx * run->Gy,
-                              L, L, para->boxsize / para->shrink);
-  if (para->write_ccmax_mic) ZK_CHECK(memcpy_D2H(run->h_ccmax_stack.data() + t * LL, run->d_ccmax.get(), LL * sizeof(float)));
+    zavik_ccmax_psi_by_one_template(run->d_mic.get(), run->d_mask.get(), run->d_ccmax.get(), run->d_psi.get(), 1, L, L,
+                                    run->d_T.get() + t * TT, run->Tx, run->Ty, para->T_radius, para->psi_start,
+                                    para->psi_end, para->ang_step);
+  gpu_find_filter_ccmax_psi_grids_exclusive(run->d_ccmax.get(), run->d_psi.get(), run->grid_index.data(),
+                                            run->grid_cc.data(), run->grid_psi.data(), para->cc_cutoff, L, L, run->G,
+                                            run->d_ice.get(), (unsigned int)(run->Gx * run->Gy));
+  output_zavik_coord_one_temp(run->raw->fp(), run->grid_index.data(), run->grid_cc.data(), run->grid_psi.data(), t,
+                              run->Gx * run->Gy, L, L, para->boxsize / para->shrink);
+  if (para->write_ccmax_mic)
+    ZK_CHECK(memcpy_D2H(run->h_ccmax_stack.data() + t * LL, run->d_ccmax.get(), LL * sizeof(float)));
 }
 
 void zavik_stage_write_ccmax(ZkRun* run) {
@@ -213,11 +216,22 @@ void zavik_stage_write_ccmax(ZkRun* run) {
 
 void zavik_stage_box_filter(ZkRun* run) {
   const Zavik_Para* para = run->para;
-  box_filter(run->Nsx, run->Nsy, para->min_dist_px, para->cc_cutoff, (float)para->shrink, para->boxsize,
-             para->boxsize, run->origin, run->nonunique_name, run->excluded_name, run->box_name, 2);
+  run->raw->finish();
+  FILE* fp = run->nonunique_out->fp;
+  if (run->raw->size() > 0) fwrite(run->raw->data(), 1, run->raw->size(), fp);
+  zk_out_commit(*run->nonunique_out);
+
+  const std::vector<ZkPick> picks =
+      box_filter_picks(run->Nsx, run->Nsy, para->min_dist_px, para->cc_cutoff, (float)para->shrink, para->boxsize,
+                       para->boxsize, run->origin, run->raw->data(), run->raw->size(),
+                       is_str_null(run->excluded_name) ? nullptr : run->boxes_excluded.data(),
+                       is_str_null(run->excluded_name) ? 0 : run->n_excluded);
+  ZkOutFile box, star;
+  write_box_filter_picks(zk_out_open(box, run->box_name), picks, 2, para->boxsize, para->boxsize, run->origin);
   if (para->write_star)
-    box_filter(run->Nsx, run->Nsy, para->min_dist_px, para->cc_cutoff, (float)para->shrink, para->boxsize,
-               para->boxsize, run->origin, run->nonunique_name, run->excluded_name, run->star_name, 1);
+    write_box_filter_picks(zk_out_open(star, run->star_name), picks, 1, para->boxsize, para->boxsize, run->origin);
+  zk_out_commit(box);
+  if (para->write_star) zk_out_commit(star);
 }
 
 void zavik_stage_extract(ZkRun* run, const char* mic) {

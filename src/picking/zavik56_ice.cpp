@@ -122,14 +122,14 @@ int add_excluded_coords_to_ice(unsigned int* d_ice, int nx, int ny, int g, const
 }
 
 int add_excluded_boxf_to_ice(unsigned int* d_ice, int nx, int ny, int g, const char* name, int shrink) {
-  const int Gx = cells_along(nx, g), Gy = cells_along(ny, g);
-  std::vector<PTCL_BOX> boxes((size_t)Gx * Gy);
-  int n = 0;
+  std::vector<PTCL_BOX> boxes;
   if (!is_str_null(name) && check_file_access(name, "FR") == 0) {
-    n = read_all_ptcl_boxes(boxes.data(), Gx * Gy, name);
-    printf("%8d particles in file %s excluded from auto-picking \n", n, name);
+    // Every record counts, however long the list: a later box in a cell
+    // replaces the word before it.
+    boxes = read_ptcl_box_list(name);
+    printf("%8d particles in file %s excluded from auto-picking \n", (int)boxes.size(), name);
   }
-  add_excluded_coords_to_ice(d_ice, nx, ny, g, boxes.data(), n, shrink);
+  add_excluded_coords_to_ice(d_ice, nx, ny, g, boxes.data(), (int)boxes.size(), shrink);
   return 0;
 }
 
@@ -137,6 +137,7 @@ int hcuda_2d_generate_mask_by_coords(float* mask, const float* image, int nx, in
                                      float v) {
   (void)image;
   const int Gx = cells_along(nx, g), Gy = cells_along(ny, g);
-  launch_2d_heavy(Gx, Gy, [=] HD(int cx, int cy) { cuda_2d_generate_mask_by_coords(cx, cy, mask, nx, ny, g, Gx, d_ice, v); });
+  launch_2d_heavy(Gx, Gy,
+                  [=] HD(int cx, int cy) { cuda_2d_generate_mask_by_coords(cx, cy, mask, nx, ny, g, Gx, d_ice, v); });
   return 0;
 }

@@ -96,8 +96,8 @@ int output_ice_coord(const char* name, const unsigned int* ice, const float* ave
 // outside the nx by ny image is skipped, and so is a centre on pixel (0, 0),
 // whose word would read as "free".  Returns 0.
 int add_excluded_coords_to_ice(unsigned int* d_ice, int nx, int ny, int g, const PTCL_BOX* boxes, int n, int shrink);
-// The same for the boxes of a coordinate file, at most one a cell read; a null
-// name or an unreadable file adds nothing.  Returns 0.
+// The same for every box of a coordinate file; a null name or an unreadable
+// file adds nothing.  Returns 0.
 int add_excluded_boxf_to_ice(unsigned int* d_ice, int nx, int ny, int g, const char* name, int shrink);
 // The cell mask: v in rejected cells, 1 - v in free ones, over the whole image
 // with hard cell-shaped edges.  image is not read.  Returns 0.
