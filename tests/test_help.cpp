@@ -65,7 +65,7 @@ TEST(Help, OptionRowsInTheirGroupsAndColumns) {
         {"--cc_cutoff", "0.1"}, {"--lsigma_D", "200"}, {"--lsigma_cutoff", "1.3"}, {"--lave_D", "400"},
         {"--lave_max", "2.0"}, {"--lave_min", "-1.0"}, {"--lp", "30"}, {"--hp", "1000"},
         {"--do_pre_filter", ""}, {"--pre_lp", "8"}, {"--pre_hp", "1000"}, {"--detect_ice", ""},
-        {"--T_norm_type", "1"}, {"--do_bandpass", ""}}},
+        {"--T_norm_type", "1"}, {"--do_bandpass", ""}, {"--fill_rejected", ""}}},
       {"CTF options(not effective in this verion): ",
        {{"--do_ctf", ""}, {"--do_local_ctf", ""}, {"--kV", "300"}, {"--cs", "2.7"}, {"--ac", "0.1"}}},
       {"I/O options:  ",

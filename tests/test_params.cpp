@@ -331,6 +331,28 @@ TEST(Params, EchoOfGivenOptionsShowsCommandTextOrRecordValue) {
             "       --T                  NONE\n");
 }
 
+// The automatic cutoff and the filling of rejected areas: values of their
+// own, echoed as given; without them the echo keeps its classic rows.
+TEST(Params, AutomaticCutoffAndFillRejected) {
+  Parsed r({"--cc_cutoff", "AUTO", "--fill_rejected", "m.mrc"});
+  EXPECT_EQ(r.p.cc_auto, 1);
+  EXPECT_EQ(r.p.fill_rejected, 1);
+  EXPECT_FLOAT_EQ(r.p.cc_cutoff, 0.15f);
+  const std::string all = r.echo();
+  EXPECT_NE(all.find("User input parameters:\n       --cc_cutoff          auto\n       --fill_rejected      1\n"),
+            std::string::npos)
+      << all;
+  EXPECT_NE(all.find("       --cc_cutoff            auto\n"), std::string::npos) << all;
+  EXPECT_NE(all.find("       --do_bandpass          1\n       --fill_rejected        1\nCTF options:"),
+            std::string::npos)
+      << all;
+  // A number after "auto" takes the cutoff back.
+  Parsed n({"--cc_cutoff", "auto", "--cc_cutoff", "0.3", "m.mrc"});
+  EXPECT_EQ(n.p.cc_auto, 0);
+  EXPECT_FLOAT_EQ(n.p.cc_cutoff, 0.3f);
+  EXPECT_EQ(n.echo().find("fill_rejected"), std::string::npos);
+}
+
 TEST(Params, FailuresOfTheScan) {
   struct Case {
     Words words;
@@ -362,6 +384,7 @@ TEST(Params, FailuresOfTheScan) {
       {{"--lp", "0", "m.mrc"}, 1, "--lp must be greater than 0"},
       {{"--ac", "1.5", "m.mrc"}, 1, "--ac must lie between 0 and 1, not 1.5"},
       {{"--gid", "-1", "m.mrc"}, 1, "--gid must lie between 0 and 1e\\+06, not -1"},
+      {{"--cc_cutoff", "automatic", "m.mrc"}, 1, "--cc_cutoff takes a number, not 'automatic'"},
       {{"--min_dist", "7", "m.mrc"}, 1, "--min_dist 7.00 gives a grid cell of less than one pixel at speed 2"},
       {{"--speed", "0", "--min_dist", "1.8", "m.mrc"}, 1, "grid cell of less than one pixel at speed 0"},
       {{"--detect_ice", "0"}, 1, "Usage:(.|\n)*No valid files to be processed.! Exit now!"},

@@ -79,6 +79,7 @@ bool same_size_and_mode(const MRC_HEAD* a, const MRC_HEAD* b) {
 // All output names of one micrograph, beside it.
 void set_output_names(ZkRun* run, const char* mic) {
   const Zavik_Para* para = run->para;
+  strlcpy(run->mic_name, mic);
   set_outname_by_suffix(run->box_name, mic, "_zavik.box");
   if (para->exclusive_picking)
     set_outname_by_suffix(run->excluded_name, mic, para->excluded_suffix);

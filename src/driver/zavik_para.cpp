@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <strings.h>
 
 #include "core/report.h"
 #include "core/str_utils.h"
@@ -77,10 +78,11 @@ const ZkOption OPTIONS[] = {
     ZK_OPT(extract_raw, OPT_FLAG, "%d", false),
     ZK_OPT(extract_pf, OPT_FLAG, "%d", false),
     ZK_OPT(gid, OPT_INT, "%d", true),
+    ZK_OPT(fill_rejected, OPT_FLAG, "%d", false),
 };
 #undef ZK_OPT
 constexpr int N_OPTIONS = (int)(sizeof OPTIONS / sizeof OPTIONS[0]);
-static_assert(N_OPTIONS == 46, "the record has 46 option words");
+static_assert(N_OPTIONS == 47, "the record has 47 option words");
 
 int find_option(const char* word) {
   for (int k = 0; k < N_OPTIONS; ++k)
@@ -218,6 +220,8 @@ void zavik_init_parameters(int argc, Zavik_Para* para) {
   para->psi_start = 0.0f;
   para->psi_end = 359.0f;
   para->first_mic = nullptr;
+  para->cc_auto = 0;
+  para->fill_rejected = 0;
 }
 
 void zavik_free_parameters(Zavik_Para* para) {
@@ -266,6 +270,12 @@ void zavik_get_parameters(int argc, char** argv, Zavik_Para* para) {
         break;
       }
       case OPT_FLOAT:
+        // "auto" chooses the score cutoff of each micrograph from its scores.
+        if (strcmp(o.word, "cc_cutoff") == 0 && strcasecmp(value, "auto") == 0) {
+          para->cc_auto = 1;
+          break;
+        }
+        if (strcmp(o.word, "cc_cutoff") == 0) para->cc_auto = 0;
         if (!parse_float(value, f_field(para, o))) PARA_FATAL("--%s takes a number, not '%s'", o.word, value);
         break;
       default:
@@ -389,6 +399,7 @@ void put_used_rows(FILE* fp, Zavik_Para* p, const char* const* words, int n) {
     }
     const ZkOption& o = OPTIONS[k];
     format_value(value, sizeof value, fmt_used(o), p, o);
+    if (strcmp(o.word, "cc_cutoff") == 0 && p->cc_auto) snprintf(value, sizeof value, "auto");
     put_row(fp, 30, echo_label(o), value);
   }
 }
@@ -409,7 +420,12 @@ void zavik_fput_parameters(int argc, char** argv, Zavik_Para* para, FILE* fp) {
       const char* text = argv[++i];
       switch (o.kind) {
         case OPT_NAME: snprintf(value, sizeof value, "%s", text); break;
-        case OPT_FLOAT: snprintf(value, sizeof value, o.fmt_given, (double)(float)atof(text)); break;
+        case OPT_FLOAT:
+          if (strcmp(o.word, "cc_cutoff") == 0 && strcasecmp(text, "auto") == 0)
+            snprintf(value, sizeof value, "auto");
+          else
+            snprintf(value, sizeof value, o.fmt_given, (double)(float)atof(text));
+          break;
         default: snprintf(value, sizeof value, o.fmt_given, atoi(text)); break;
       }
     } else {
@@ -435,6 +451,11 @@ void zavik_fput_parameters(int argc, char** argv, Zavik_Para* para, FILE* fp) {
   put_used_rows(fp, para, basic, 4);
   fprintf(fp, "Additional options:  \n");
   put_used_rows(fp, para, additional, (int)(sizeof additional / sizeof additional[0]));
+  // The options beyond the classic set have a row when they are on.
+  if (para->fill_rejected) {
+    static const char* const fill[] = {"fill_rejected"};
+    put_used_rows(fp, para, fill, 1);
+  }
   fprintf(fp, "CTF options: \n");
   put_used_rows(fp, para, ctf, 5);
   fprintf(fp, "I/O options:  \n");

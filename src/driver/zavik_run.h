@@ -18,6 +18,7 @@
 #include "formats/boxfile.h"
 #include "formats/mrcfile.h"
 #include "formats/safe_output.h"
+#include "picking/box_filter.h"
 #include "picking/zavik56_ice.h"
 #include "picking/zavik56_search.h"
 
@@ -70,8 +71,12 @@ struct ZkRun {
   ZkDeviceArray<float> d_psi;    // L * L
   ZkDeviceArray<float> d_mask;   // L * L
   ZkDeviceArray<unsigned int> d_ice;  // Gx * Gy
+  // Under --cc_cutoff auto: the minima of the current template's search and
+  // their sign-turned maximum over the templates, L * L each.
+  ZkDeviceArray<float> d_ccmin, d_noise;
 
-  // Output names of the current micrograph, beside it.
+  // The current micrograph and its output names, beside it.
+  char mic_name[ZK_TXT_LEN];
   char box_name[ZK_TXT_LEN];
   char star_name[ZK_TXT_LEN];
   char nonunique_name[ZK_TXT_LEN];
@@ -147,6 +152,10 @@ void zavik_stage_begin_picking(ZkRun* run);
 void zavik_stage_search_template(ZkRun* run, int t);
 // "_ccmax.mrc": the Nt maps of h_ccmax_stack.
 void zavik_stage_write_ccmax(ZkRun* run);
+// The automatic cutoff of the current micrograph from its noise map and the
+// candidates after the box filter: the picks below it go, and one line says
+// the cutoff.
+void zavik_apply_auto_cutoff(ZkRun* run, std::vector<ZkPick>& picks);
 // The raw candidates into "_nonunique.box", then the box filter on them into
 // "_zavik.box" and, under --write_star, "_zavik.star".  Both results are
 // written in full before either is renamed into place.
