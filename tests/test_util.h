@@ -109,6 +109,7 @@ ZkOutcome zk_outcome(F&& f) {
 // What f printed on standard output.
 template <class F>
 std::string zk_stdout(F&& f) {
+  fflush(stdout);
   testing::internal::CaptureStdout();
   f();
   return testing::internal::GetCapturedStdout();
