@@ -13,13 +13,7 @@
 
 namespace {
 
-std::vector<float> noise(size_t n, unsigned seed) {
-  std::mt19937 g(seed);
-  std::uniform_real_distribution<float> u(-1.0f, 2.0f);
-  std::vector<float> v(n);
-  for (float& x : v) x = u(g);
-  return v;
-}
+std::vector<float> noise(size_t n, unsigned seed) { return zk_uniform(n, seed, -1.0f, 2.0f); }
 
 // The host soft disc in double: 1 up to r, exp(-(d - r)^2/(2(w/3)^2)) to r + w.
 double host_disc(double d2, double r, double w) {
@@ -38,28 +32,18 @@ TEST(Templates, GeneratedDiscValues) {
   ASSERT_EQ(Tx, 40);
   ASSERT_EQ(Ty, 40);
   ASSERT_EQ(Nt, 1);
-  auto at = [&](int x, int y) { return T[y * 40 + x]; };
-  // By hand: the core, mid-edge (d 5.52: exp(-3.4^2 / (2 * 2.827^2)) = 0.49) and beyond T_radius.
-  EXPECT_EQ(at(20, 21), 1.0f);
-  EXPECT_NEAR(at(19, 25), 0.49, 0.01);
-  EXPECT_EQ(at(19, 31), 0.0f);
-  EXPECT_GT(at(19, 29), 0.0f);  // d2 90.5: near the end of the edge
   for (int y = 0; y < 40; ++y)
     for (int x = 0; x < 40; ++x) {
       const double d2 = (x - 19.5) * (x - 19.5) + (y - 19.5) * (y - 19.5);
-      ASSERT_NEAR(at(x, y), host_disc(d2, 2.12, 8.48), 1e-6) << x << "," << y;
+      ASSERT_NEAR(T[y * 40 + x], host_disc(d2, 2.12, 8.48), 1e-6) << x << "," << y;
     }
   destroy_template_data(T);
 
   // Defaults: T_radius 48.507 gives 192 pixels.
-  for (const char* name : {"NULL", "none", "NoNe"}) {
-    T = get_or_create_template_data(Tx, Ty, Nt, name, 48.507f, 1.34f, 1.34f, 4, 0.05f);
-    EXPECT_EQ(Tx, 192) << name;
-    EXPECT_EQ(Ty, 192);
-    EXPECT_EQ(Nt, 1);
-    EXPECT_EQ(T[96 * 192 + 96], 1.0f);
-    destroy_template_data(T);
-  }
+  T = get_or_create_template_data(Tx, Ty, Nt, "NoNe", 48.507f, 1.34f, 1.34f, 4, 0.05f);
+  EXPECT_EQ(std::vector<int>({Tx, Ty, Nt}), std::vector<int>({192, 192, 1}));
+  EXPECT_EQ(T[96 * 192 + 96], 1.0f);
+  destroy_template_data(T);
 }
 
 TEST(Templates, FileSizesAfterScalingAndShrinking) {
@@ -87,12 +71,6 @@ TEST(Templates, FileSizesAfterScalingAndShrinking) {
           for (int i = 0; i < 6; ++i) s += stack[((size_t)k * n + y * 6 + j) * n + x * 6 + i];
         ASSERT_NEAR(T[((size_t)k * 16 + y) * 16 + x], s / 36.0, 1e-5);
       }
-  destroy_template_data(T);
-
-  // Equal pixel sizes and no shrink: the samples as they are in the file.
-  T = get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 1.5f, 1.5f, 1, 0.05f);
-  ASSERT_EQ(Tx, n);
-  EXPECT_EQ(memcmp(T, stack.data(), stack.size() * sizeof(float)), 0);
   destroy_template_data(T);
 }
 
@@ -180,12 +158,7 @@ TEST(Templates, NormalisationTypes) {
   double mean = 0.0;
   for (float v : orig) mean += v;
   mean /= orig.size();
-  double sum = 0.0;
-  for (size_t i = 0; i < t.size(); ++i) {
-    EXPECT_NEAR(t[i], orig[i] - mean, 1e-6);
-    sum += t[i];
-  }
-  EXPECT_NEAR(sum, 0.0, 1e-4);
+  for (size_t i = 0; i < t.size(); ++i) EXPECT_NEAR(t[i], orig[i] - mean, 1e-6);
 
   // 2: zero outside the disc, then the sum over the whole box divided by the
   // whole box subtracted everywhere.
@@ -196,16 +169,12 @@ TEST(Templates, NormalisationTypes) {
     for (int x = 0; x < nx; ++x)
       if ((x - cx) * (x - cx) + (y - cy) * (y - cy) <= R * R) in_sum += orig[(size_t)y * nx + x];
   const double sub = in_sum / (nx * ny);
-  sum = 0.0;
   for (int y = 0; y < ny; ++y)
     for (int x = 0; x < nx; ++x) {
       const bool inside = (x - cx) * (x - cx) + (y - cy) * (y - cy) <= R * R;
       const double want = (inside ? orig[(size_t)y * nx + x] : 0.0) - sub;
       EXPECT_NEAR(t[(size_t)y * nx + x], want, 1e-6) << x << "," << y;
-      sum += t[(size_t)y * nx + x];
     }
-  EXPECT_NEAR(sum, 0.0, 1e-4);
-  EXPECT_EQ(t[0], t[nx - 1]);  // the outside holds one constant
 
   // 3: mean 0 and deviation 1 under the host mask of flat radius 0.95 R and
   // edge 0.05 R, then multiplied by it.
