@@ -17,14 +17,7 @@ namespace {
 
 using DevFilter = std::function<void(float* d_img, int n)>;
 
-std::vector<float> noise_image(int nx, int ny, unsigned seed) {
-  std::mt19937 g(seed);
-  std::normal_distribution<float> u(0.0f, 1.0f);
-  std::vector<float> v((size_t)nx * ny);
-  for (float& x : v) x = u(g);
-  return v;
-}
-
+std::vector<float> noise_image(int nx, int ny, unsigned seed) { return zk_normal((size_t)nx * ny, seed); }
 
 // An image through a device filter in place.
 std::vector<float> filtered(const std::vector<float>& img, int n, const DevFilter& f) {
