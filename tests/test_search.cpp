@@ -123,14 +123,6 @@ TEST_P(Search, UpdateKeepsTheEarlierAngleAtEqualScoresAndIgnoresNaN) {
 
 ZK_BACKEND_SUITE(Search);
 
-TEST(SearchDivisor, AreaInDoubleThenSingleProducts) {
-  // R = 48.507 at the defaults: area pi R^2 in double, then float products.
-  const float R = 48.507f;
-  const float area = (float)((double)R * 3.141592653589793 * (double)R);
-  EXPECT_EQ(zavik_score_divisor(2.0f, 3.0f, 4.0f, R), sqrtf(2.0f * 3.0f * area / 4.0f));
-  EXPECT_NEAR(zavik_score_divisor(1.0f, 1.0f, 1.0f, 1.0f), sqrt(M_PI), 1e-6);
-}
-
 // The whole-run search gives the one-template search's bits, whatever its
 // shortcuts: kept spectra or not, one or several host threads, GPU batches.
 TEST_P(Search, RunSearchEqualsTheOneTemplateSearchBitForBit) {
