@@ -87,32 +87,6 @@ TEST_P(Fft, TransformsMatchNaiveDft) {
   }
 }
 
-// Sizes with a large prime factor: a separable image u(x)v(y) has the
-// spectrum U(kx)V(ky), checked against 1-D naive transforms.
-TEST_P(Fft, LargePrimeFactorSeparable) {
-  const int nx = 958, ny = 958, nxh = nx / 2 + 1;
-  std::vector<float> u = zk_uniform(nx, 3), v = zk_uniform(ny, 4);
-  std::vector<float> a((size_t)nx * ny);
-  for (int y = 0; y < ny; ++y)
-    for (int x = 0; x < nx; ++x) a[(size_t)y * nx + x] = u[x] * v[y];
-  std::vector<cd> U(nxh), V(ny);
-  for (int k = 0; k < nxh; ++k)
-    for (int x = 0; x < nx; ++x) U[k] += (double)u[x] * std::polar(1.0, -2 * kPi * k * x / nx);
-  for (int k = 0; k < ny; ++k)
-    for (int y = 0; y < ny; ++y) V[k] += (double)v[y] * std::polar(1.0, -2 * kPi * k * y / ny);
-  Dev d;
-  float2* d_f = d.c((size_t)nxh * ny);
-  hcuda_2d_fft_r2c(d.put(a), d_f, nx, ny);
-  std::vector<float2> f = from_dev(d_f, (size_t)nxh * ny);
-  double worst = 0;
-  for (int ky = 0; ky < ny; ky += 37)
-    for (int kx = 0; kx < nxh; kx += 13) {
-      cd got(f[(size_t)ky * nxh + kx].x, f[(size_t)ky * nxh + kx].y);
-      worst = std::max(worst, std::abs(got - U[kx] * V[ky]));
-    }
-  EXPECT_LT(worst, 0.05);  // magnitudes run to several hundred
-}
-
 TEST_P(Fft, StackFormsMatchSingleTransforms) {
   const int nx = 18, ny = 10, nz = 3, n = nx * ny, nc = (nx / 2 + 1) * ny;
   std::vector<float> a = zk_uniform(n * nz, 11);
