@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "driver/zavik_clock.h"
 #include "driver/zavik_para.h"
 #include "driver/zavik_run.h"
 #include "formats/mrcfile.h"
@@ -280,20 +279,4 @@ TEST(Geometry, RectangularMicrographAtTheDefaults) {
   EXPECT_EQ(run.G, 8);
   EXPECT_EQ(run.Gx, 21);  // ceil(166 / 8)
   zavik_free_parameters(&para);
-}
-
-TEST(Geometry, StageClockLines) {
-  ZkStageClock clock;
-  zk_clock_init(&clock);
-  zk_clock_open(&clock);
-  zk_clock_open(&clock);
-  EXPECT_EQ(clock.depth, 2);
-  testing::internal::CaptureStdout();
-  EXPECT_GE(zk_clock_close(&clock, "READING"), 0.0);
-  zk_clock_close(&clock, "SKIPPED", false);
-  std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(clock.depth, 0);
-  ASSERT_EQ(out.rfind(">>>>>>TIME<<<<<<                         READING: 0.0", 0), 0u) << out;
-  EXPECT_EQ(out.substr(out.size() - 2), "s\n");
-  EXPECT_EQ(count(out, "\n"), 1u);
 }
