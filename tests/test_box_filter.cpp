@@ -216,9 +216,8 @@ TEST(BoxFilter, ExclusionListHoldsOneRecordPerCellAndMayBeMissing) {
   EXPECT_EQ(filter(dir, c, 2, p), "");
   // A missing list is reported and filtering goes on.
   p.excluded = dir / "absent.box";
-  testing::internal::CaptureStdout();
-  Centres got = picks(dir, c, p);
-  std::string said = testing::internal::GetCapturedStdout();
+  Centres got;
+  const std::string said = zk_stdout([&] { got = picks(dir, c, p); });
   EXPECT_EQ(got, (Centres{{15, 15}}));
   EXPECT_NE(said.find("the file " + p.excluded + " does NOT exist! Automatically ignored!"), std::string::npos);
 }

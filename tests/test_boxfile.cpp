@@ -26,9 +26,7 @@ struct Reader {
   Reader(const std::string& path, int max = 64) : boxes(max > 0 ? max : 1) {
     // Garbage first, so that the reader's own emptying is checked too.
     memset(boxes.data(), 0x5a, boxes.size() * sizeof(PTCL_BOX));
-    testing::internal::CaptureStdout();
-    n = read_all_ptcl_boxes(boxes.data(), max, path.c_str());
-    said = testing::internal::GetCapturedStdout();
+    said = zk_stdout([&] { n = read_all_ptcl_boxes(boxes.data(), max, path.c_str()); });
   }
   Reader(const ZkTmpDir& dir, const char* name, const std::string& text, int max = 64)
       : Reader((put_file(dir / name, text), dir / name), max) {}
@@ -252,9 +250,8 @@ TEST(NeighborBoxes, DiscMatchesAHandCount) {
   EXPECT_EQ(auto_generate_neighbor_boxes(b.data(), 64, centre, 8.0f, 20, 4), 9);
   // Never beyond max (with a warning), and no endless loop on a zero step.
   b[5].x = 77;
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(auto_generate_neighbor_boxes(b.data(), 5, centre, 10.0f, 20, 4), 5);
-  EXPECT_NE(testing::internal::GetCapturedStdout().find("More neighbour boxes than room for them"), std::string::npos);
+  EXPECT_TRUE(zk_has(zk_stdout([&] { EXPECT_EQ(auto_generate_neighbor_boxes(b.data(), 5, centre, 10.0f, 20, 4), 5); }),
+                     "More neighbour boxes than room for them"));
   EXPECT_EQ(b[5].x, 77);
   EXPECT_EQ(auto_generate_neighbor_boxes(b.data(), 5, centre, 10.0f, 20, 0), 0);
 }
@@ -292,9 +289,7 @@ TEST(BoxLibrary, PrintCountAndGrid) {
       "1       2       3       4       0.500000        6       7.000000\n"
       "11      12      13      14      0.000000        0       0.000000\n";
   EXPECT_EQ(zk_slurp(dir / "p.box"), expect);
-  testing::internal::CaptureStdout();
-  print_all_ptcl_boxes(b, 3);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), expect);
+  EXPECT_EQ(zk_stdout([&] { print_all_ptcl_boxes(b, 3); }), expect);
 
   put_file(dir / "c.box", "1 2 3 4 5 6 7\n1 2 3 4 5 6\n\n1 2 3 4 5 6 7 8\n");
   EXPECT_EQ(get_ptcl_number_from_boxf((dir / "c.box").c_str()), 2);

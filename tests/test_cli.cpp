@@ -202,7 +202,8 @@ TEST(Cli, FirstNameUnusableSecondStandsInEntryZero) {
   write_mic(b, 128, 128);
   std::string out;
   ASSERT_EQ(run_zavik("--apixM 1.0 --diameter 40 " + a + " " + b, &out), 0) << out;
-  EXPECT_TRUE(has(out, "\x1b[41m\x1b[1m\x1b[5mWarning in function check_access_openf_1st(), file txt_file.cpp on line "));
+  EXPECT_TRUE(has(out, "\x1b[41m\x1b[1m\x1b[5mWarning in function check_access_openf_1st(), file txt_file.cpp on "
+                       "line "));
   EXPECT_TRUE(has(out, ": the micrograph " + a + " does NOT exsit! Automatically ignored!\x1b[m\n\n"));
   EXPECT_EQ(count(out, "Reading File " + b + " ...\n"), 2u);  // entry 0 and entry 1
   EXPECT_FALSE(has(out, "Reading File " + a));

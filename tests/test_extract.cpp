@@ -211,17 +211,15 @@ TEST(ExtractFile, WholeBoxesOnlyFromBoxFile) {
   write_short_micrograph(mic, 20, 12);
   zk_put(boxf, box_line(1, 1, 4, 4) + box_line(16, 2, 4, 4) + box_line(15, 7, 4, 4));
   std::vector<float> dst(3 * 16, -1.0f);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(mrcf_2d_read_ptcls_to_data_from_boxf(dst.data(), mic.c_str(), boxf.c_str()), 2);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+  int n = 0;
+  EXPECT_EQ(zk_stdout([&] { n = mrcf_2d_read_ptcls_to_data_from_boxf(dst.data(), mic.c_str(), boxf.c_str()); }),
             "Warning: box (16 2 4 4)out of range, skip extracting this particle!\n");
+  EXPECT_EQ(n, 2);
   EXPECT_EQ(dst[0], code(1, 1));
   EXPECT_EQ(dst[16], -1.0f);
   EXPECT_EQ(dst[32 + 15], code(18, 10));
   std::string stack = dir / "w_stack.mrcs";
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(mrcf_2d_read_ptcls_to_mrcf_from_boxf(stack.c_str(), mic.c_str(), boxf.c_str()), 2);
-  testing::internal::GetCapturedStdout();
+  zk_stdout([&] { EXPECT_EQ(mrcf_2d_read_ptcls_to_mrcf_from_boxf(stack.c_str(), mic.c_str(), boxf.c_str()), 2); });
   float* d = get_mrcf_data_all(stack.c_str());
   MRC_HEAD* h = get_mrcf_head(stack.c_str());
   EXPECT_EQ(h->nz, 2);

@@ -17,11 +17,7 @@ std::vector<std::string> lines_of(const std::string& s) {
   return out;
 }
 
-std::string help_text() {
-  testing::internal::CaptureStdout();
-  zavik_help("prog");
-  return testing::internal::GetCapturedStdout();
-}
+std::string help_text() { return zk_stdout([] { zavik_help("prog"); }); }
 
 const std::string STARS(99, '*');
 
@@ -83,9 +79,6 @@ TEST(Help, BannerUsageAndOptionRowsInTheirGroupsAndColumns) {
 
 TEST(Help, ValidOptionsList) {
   EXPECT_EQ(ZAVIK_N_OPTIONS, 38);
-  testing::internal::CaptureStdout();
-  zavik_print_valid_options();
-  std::string out = testing::internal::GetCapturedStdout();
   const std::string expected =
       std::string(130, '-') + "\nAll valid options:\n" +
       "--apixM\t --T\t --diameter\t --ang_step\t --speed\t --boxsize\t --min_dist\t --cc_cutoff\t "
@@ -95,7 +88,7 @@ TEST(Help, ValidOptionsList) {
       "--extract_raw\t --extract_pf\t --write_rejected_box\t --write_star\t --exclusive_picking\t "
       "--excluded_suffix\t --mask_excluded\t --global_excluded_box\t --gid\t \n" +
       std::string(128, '-') + "\n";
-  EXPECT_EQ(out, expected);
+  EXPECT_EQ(zk_stdout(zavik_print_valid_options), expected);
 }
 
 TEST(Help, TipsAndFullHelp) {
@@ -103,27 +96,17 @@ TEST(Help, TipsAndFullHelp) {
   EXPECT_STREQ(ZAVIK_ALL_TIPS[8], "");
 
   const std::string dash = std::string(127, '-') + "\n";
-  testing::internal::CaptureStdout();
-  zavik_put_all_tips();
   std::string expected = dash;
   for (int i = 0; i < 9; ++i) expected += std::string(ZAVIK_ALL_TIPS[i]) + "\n";
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), expected + dash);
+  EXPECT_EQ(zk_stdout(zavik_put_all_tips), expected + dash);
 
-  testing::internal::CaptureStdout();
-  zavik_put_one_random_tip();
-  std::string one = testing::internal::GetCapturedStdout();
-  ASSERT_EQ(one.rfind(dash, 0), 0u);
-  ASSERT_EQ(one.substr(one.size() - dash.size()), dash);
-  std::string mid = one.substr(dash.size(), one.size() - 2 * dash.size());
+  const std::string one = zk_stdout(zavik_put_one_random_tip);
   bool known = false;
-  for (int i = 0; i < 9; ++i) known = known || mid == ZAVIK_ALL_TIPS[i];
-  EXPECT_TRUE(known) << mid;
+  for (int i = 0; i < 9; ++i) known = known || one == dash + ZAVIK_ALL_TIPS[i] + dash;
+  EXPECT_TRUE(known) << one;
 
   // The full help is the usage followed by the tips.
-  testing::internal::CaptureStdout();
-  zavik_help_full("prog");
-  std::string full = testing::internal::GetCapturedStdout();
-  std::string usage = help_text();
+  const std::string full = zk_stdout([] { zavik_help_full("prog"); }), usage = help_text();
   ASSERT_EQ(full.rfind(usage, 0), 0u);
   EXPECT_NE(full.find(ZAVIK_ALL_TIPS[3], usage.size()), std::string::npos);
 }

@@ -11,6 +11,7 @@
 #include "backend_fixture.h"
 #include "device/cuda_general.h"
 #include "picking/zavik56_search.h"
+#include "test_util.h"
 
 namespace {
 
@@ -101,10 +102,8 @@ TEST_P(Search, RecoversTheAngleOfARotatedCopy) {
       const double dx = x - cx, dy = y - cy;
       mic[y * n + x] = (float)shape(dx * cos(th) + dy * sin(th), dy * cos(th) - dx * sin(th));
     }
-  testing::internal::CaptureStdout();
-  SearchOut o = search(mic, mask, n, T, Tn, Tn, 10.0f, 10.0f);
-  const std::string dots = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(dots, std::string(36, '.') + "\n");  // 0, 10, ..., 350
+  SearchOut o;
+  EXPECT_EQ(zk_stdout([&] { o = search(mic, mask, n, T, Tn, Tn, 10.0f, 10.0f); }), std::string(36, '.') + "\n");
   const size_t best = argmax(o.cc);
   EXPECT_EQ(best, (size_t)(45 * n + 50));
   EXPECT_EQ(o.psi[best], 30.0f);

@@ -97,10 +97,10 @@ TEST(Shrink, BlockMeansOfEveryForm) {
 
 TEST(Shrink, WrongFactorReportsAndWritesNothing) {
   std::vector<float> a(16, 1.0f), out(16, -3.0f);
-  testing::internal::CaptureStdout();
-  cpu_2d_meanshrink_extended_even_square(out.data(), a.data(), 4, 4, 0);
-  cpu_2d_meanshrink(out.data(), a.data(), 4, 4, -1);
-  std::string text = testing::internal::GetCapturedStdout();
+  const std::string text = zk_stdout([&] {
+    cpu_2d_meanshrink_extended_even_square(out.data(), a.data(), 4, 4, 0);
+    cpu_2d_meanshrink(out.data(), a.data(), 4, 4, -1);
+  });
   EXPECT_NE(text.find("on line"), std::string::npos);
   EXPECT_NE(text.find(": Wrong value of shrink_factor. Must be >=1!\n"), std::string::npos);
   EXPECT_EQ(text.find("Exit now"), std::string::npos);
