@@ -113,9 +113,9 @@ TEST_P(Fft, StackFormsMatchSingleTransforms) {
   }
 }
 
-// Cached plans, fresh plans and the explicit plan API give the same bits, also
-// for arrays of another alignment.
-TEST_P(Fft, CacheAndExplicitPlansGiveSameBits) {
+// The explicit plan API gives the bits of the cached plans, also for arrays
+// of another alignment.
+TEST_P(Fft, ExplicitPlansGiveTheCachedBits) {
   const int nx = 30, ny = 18, n = nx * ny, nc = (nx / 2 + 1) * ny;
   std::vector<float> a = zk_uniform(n + 2, 21);
   Dev d;
@@ -128,14 +128,7 @@ TEST_P(Fft, CacheAndExplicitPlansGiveSameBits) {
     hcuda_2d_fft_c2r(d_f, d_r, nx, ny);
     return std::make_pair(f, from_dev(d_r, n));
   };
-  auto cached = run(), cached2 = run();
-  zk_fft_set_cache(false);
-  auto fresh = run();
-  zk_fft_set_cache(true);
-  EXPECT_TRUE(same_bits(cached.first, fresh.first));
-  EXPECT_TRUE(same_bits(cached.second, fresh.second));
-  EXPECT_TRUE(same_bits(cached.second, cached2.second));
-
+  const auto cached = run();
   ZkFftPlan pf = zk_fft_plan_r2c(nx, ny, 1);
   ZkFftPlan pb = zk_fft_plan_c2r(nx, ny, 1);
   zk_fft_exec_r2c(pf, d_a, d_f);
@@ -189,24 +182,6 @@ TEST(FftErrors, ErrorStrings) {
 }
 
 class FftOps : public BackendTest {};
-
-TEST_P(FftOps, ConjugateProductFormula) {
-  const int nxh = 4, ny = 6, n = nxh * ny;
-  std::vector<float2> a(n), b(n);
-  for (int i = 0; i < n; ++i) {
-    a[i] = make_f2(0.5f * i - 3.0f, 1.0f + 0.25f * i);
-    b[i] = make_f2(2.0f - 0.125f * i, -1.5f + 0.5f * (i % 5));
-  }
-  Dev d;
-  float2 *d_a = d.put(a), *d_o = d.c(n);
-  hcuda_c2d_multconj_norm(d_a, d.put(b), d_o, nxh, ny, 3.0f);
-  std::vector<float2> o = from_dev(d_o, n);
-  for (int i = 0; i < n; ++i) {
-    cd want = cd(a[i].x, a[i].y) * std::conj(cd(b[i].x, b[i].y)) / 3.0;
-    EXPECT_NEAR(o[i].x, want.real(), 1e-5) << i;
-    EXPECT_NEAR(o[i].y, want.imag(), 1e-5) << i;
-  }
-}
 
 TEST_P(FftOps, OriginSwap) {
   // Out of place the lag (dx, dy) comes to (nx/2 + dx, ny/2 + dy); in place
