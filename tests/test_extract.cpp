@@ -102,14 +102,12 @@ TEST(ExtractCut, CornersInsideAndOverEveryEdge) {
 class ExtractDevice : public BackendTest {};
 TEST_P(ExtractDevice, CutOutMatchesOnTheDevice) {
   const int nx = 70, ny = 45, w = 40, h = 33;  // more than one 32 x 32 block each way
-  float* d_img = to_dev(coded_image(nx, ny));
-  float* d_out = d_alloc_float((size_t)w * h);
+  Dev d;
+  float *d_img = d.put(coded_image(nx, ny)), *d_out = d.f((size_t)w * h);
   for (const int2& c : {make_i2(5, 6), make_i2(-10, 3), make_i2(50, 30), make_i2(-39, -32), make_i2(0, 0)}) {
     hcuda_2d_extract_small_from_large(d_out, w, h, d_img, nx, ny, c.x, c.y);
     expect_cutouts(from_dev(d_out, (size_t)w * h).data(), {c}, w, h, nx, ny);
   }
-  device_free(d_img);
-  device_free(d_out);
 }
 ZK_BACKEND_SUITE(ExtractDevice);
 

@@ -24,14 +24,12 @@ GridResult find_filter(const std::vector<float>& map, const std::vector<float>& 
                        float cutoff, std::vector<unsigned int> ice = {}) {
   const int cells = ((nx + G - 1) / G) * ((ny + G - 1) / G);
   if (ice.empty()) ice.assign(cells, 0u);
-  float *d_map = to_dev(map), *d_psi = to_dev(psi);
-  unsigned int* d_ice = to_dev(ice);
+  Dev d;
+  float *d_map = d.put(map), *d_psi = d.put(psi);
+  unsigned int* d_ice = d.put(ice);
   GridResult r = {std::vector<unsigned int>(cells), std::vector<float>(cells), std::vector<float>(cells)};
   gpu_find_filter_ccmax_psi_grids_exclusive(d_map, d_psi, r.index.data(), r.cc.data(), r.psi.data(), cutoff, nx, ny,
                                             G, d_ice, (unsigned int)cells);
-  device_free(d_map);
-  device_free(d_psi);
-  device_free(d_ice);
   return r;
 }
 

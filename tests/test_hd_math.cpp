@@ -278,7 +278,8 @@ TEST_P(HdMathBackends, KernelsGiveTheHostBits) {
              {ZK_FN_GUASF1, hd_guasf1},
              {ZK_FN_BFAC, hd_bfac}};
   const size_t n = a.size();
-  float *da = to_dev(a), *db = to_dev(b), *dout = d_alloc_float(n);
+  Dev d;
+  float *da = d.put(a), *db = d.put(b), *dout = d.f(n);
   for (const auto& f : fns) {
     hcuda_x1d_elementary(da, db, dout, n, f.fn);
     std::vector<float> out = from_dev(dout, n);
@@ -290,7 +291,6 @@ TEST_P(HdMathBackends, KernelsGiveTheHostBits) {
     }
     EXPECT_EQ(bad, 0u) << "function " << f.fn;
   }
-  for (float* p : {da, db, dout}) device_free(p);
 
   // The double functions.
   std::vector<double> ad;
@@ -303,9 +303,7 @@ TEST_P(HdMathBackends, KernelsGiveTheHostBits) {
     double (*f)(double);
   } dfns[] = {{ZK_FN_EXP, hd_exp}, {ZK_FN_LOG, hd_log}, {ZK_FN_LOG2, hd_log2}, {ZK_FN_LOG10, hd_log10}, {ZK_FN_EXP2, hd_exp2}};
   const size_t nd = ad.size();
-  double* dd = to_dev(ad);
-  double* ddo = nullptr;
-  safe_cudaMalloc((void**)&ddo, nd * sizeof(double));
+  double *dd = d.put(ad), *ddo = d.put(std::vector<double>(nd));
   for (const auto& f : dfns) {
     hcuda_x1d_elementary_d(dd, ddo, nd, f.fn);
     std::vector<double> od = from_dev(ddo, nd);
@@ -317,7 +315,5 @@ TEST_P(HdMathBackends, KernelsGiveTheHostBits) {
     }
     EXPECT_EQ(bad, 0u) << "double function " << f.fn;
   }
-  device_free(dd);
-  device_free(ddo);
 }
 ZK_BACKEND_SUITE(HdMathBackends);
