@@ -235,10 +235,7 @@ TEST(NeighborBoxes, DiscMatchesAHandCount) {
     SCOPED_TRACE(k);
     const int dx = order[k][0], dy = order[k][1];
     const double r2 = dx * dx + dy * dy;
-    EXPECT_EQ(b[k].x, 125 + dx - 10);
-    EXPECT_EQ(b[k].y, 225 + dy - 10);
-    EXPECT_EQ(b[k].w, 20);
-    EXPECT_EQ(b[k].h, 20);
+    EXPECT_EQ(std::vector<int>({b[k].x, b[k].y, b[k].w, b[k].h}), std::vector<int>({115 + dx, 215 + dy, 20, 20}));
     EXPECT_NEAR(b[k].cc, std::exp(-r2 / (100.0 / 4.5)) * 0.3989423, 1e-6);
     EXPECT_NEAR(b[k].dist, std::sqrt(r2), 1e-5);
     EXPECT_EQ(b[k].psi, 0.0f);

@@ -138,9 +138,7 @@ TEST(ExtractFile, SixteenFrameMovieGivesFortyEightImages) {
   mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 0, 0);
   std::string stack = dir / "movie_particles.mrcs";
   MRC_HEAD* head = get_mrcf_head(stack.c_str());
-  EXPECT_EQ(head->nx, w);
-  EXPECT_EQ(head->ny, h);
-  EXPECT_EQ(head->nz, 48);
+  EXPECT_EQ(std::vector<int>({head->nx, head->ny, head->nz}), std::vector<int>({w, h, 48}));
   // Image k is particle k / 16, frame k % 16, all of the first box's size.
   float* d = get_mrcf_data_all(stack.c_str());
   expect_cutouts(d, {make_i2(1, 2), make_i2(16, 13), make_i2(7, 0)}, w, h, nx, ny, nz);
@@ -173,10 +171,7 @@ TEST(ExtractFile, ParticleCountLimits) {
   mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 64, 0);
   EXPECT_EQ(zk_slurp(stack).size(), 1024u);
   head = get_mrcf_head(stack.c_str());
-  EXPECT_EQ(head->nx, 0);
-  EXPECT_EQ(head->ny, 0);
-  EXPECT_EQ(head->nz, 0);
-  EXPECT_EQ(head->mode, 2);
+  EXPECT_EQ(std::vector<int>({head->nx, head->ny, head->nz, head->mode}), std::vector<int>({0, 0, 0, 2}));
   free(head);
 }
 

@@ -29,9 +29,7 @@ TEST(Templates, GeneratedDiscValues) {
   int Tx = -1, Ty = -1, Nt = -1;
   // T_radius 10.6 with a core of 0.2: a box of 40, core radius 2.12, edge 8.48.
   float* T = create_template_data(Tx, Ty, Nt, 10.6f, 0.2f);
-  ASSERT_EQ(Tx, 40);
-  ASSERT_EQ(Ty, 40);
-  ASSERT_EQ(Nt, 1);
+  ASSERT_EQ(std::vector<int>({Tx, Ty, Nt}), std::vector<int>({40, 40, 1}));
   for (int y = 0; y < 40; ++y)
     for (int x = 0; x < 40; ++x) {
       const double d2 = (x - 19.5) * (x - 19.5) + (y - 19.5) * (y - 19.5);
@@ -60,9 +58,7 @@ TEST(Templates, FileSizesAfterScalingAndShrinking) {
 
   int Tx, Ty, Nt;
   float* T = get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 1.5f, 1.5f, 6, 0.05f);
-  ASSERT_EQ(Tx, 16);
-  ASSERT_EQ(Ty, 16);
-  ASSERT_EQ(Nt, 3);
+  ASSERT_EQ(std::vector<int>({Tx, Ty, Nt}), std::vector<int>({16, 16, 3}));
   for (int k = 0; k < nz; ++k)
     for (int y = 0; y < 16; ++y)
       for (int x = 0; x < 16; ++x) {
@@ -94,16 +90,13 @@ TEST_P(TemplateScaling, ScalingUpThenShrinking) {
 
   int Tx, Ty, Nt;
   float* T = get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 2.0f, 1.0f, 1, 0.05f);
-  ASSERT_EQ(Tx, 60);
-  ASSERT_EQ(Ty, 40);
-  ASSERT_EQ(Nt, 1);
+  ASSERT_EQ(std::vector<int>({Tx, Ty, Nt}), std::vector<int>({60, 40, 1}));
   for (int y = 0; y < 40; ++y)
     for (int x = 0; x < 60; ++x) ASSERT_NEAR(T[y * 60 + x], scaled(x, y), 1e-4) << x << "," << y;
   destroy_template_data(T);
 
   T = get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 2.0f, 1.0f, 4, 0.05f);
-  ASSERT_EQ(Tx, 15);
-  ASSERT_EQ(Ty, 10);
+  ASSERT_EQ(std::make_pair(Tx, Ty), std::make_pair(15, 10));
   for (int y = 0; y < 10; ++y)
     for (int x = 0; x < 15; ++x) {
       double s = 0.0;
@@ -115,8 +108,7 @@ TEST_P(TemplateScaling, ScalingUpThenShrinking) {
 
   // A ratio just below 1 resamples: the box shrinks by a pixel.
   T = get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 0.99f, 1.0f, 1, 0.05f);
-  EXPECT_EQ(Tx, 29);
-  EXPECT_EQ(Ty, 19);
+  EXPECT_EQ(std::make_pair(Tx, Ty), std::make_pair(29, 19));
   destroy_template_data(T);
 }
 
