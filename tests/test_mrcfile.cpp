@@ -246,9 +246,19 @@ TEST(MrcRead, SlicesAlongEveryAxisOfFloatAndIntegerFiles) {
     // Planes outside the volume read as zeros.
     EXPECT_EQ(read_of(p, 'z', nz, nx * ny), Floats(nx * ny, 0.0f));
     EXPECT_EQ(read_of(p, 'x', -1, ny * nz), Floats(ny * nz, 0.0f));
+    EXPECT_EQ(read_of(p, 'y', ny, nx * nz), Floats(nx * nz, 0.0f));
     // Another letter reads nothing and still returns 0.
     EXPECT_EQ(read_of(p, 'q', 0, 4), Floats(4, -7.0f));
   }
+  // A complex file passes its size check; the whole read warns and leaves dst.
+  Bytes b = raw_head(2, 2, 1, 4);
+  b.resize(1024 + 32, 0x3F);
+  const std::string c = dir / "c.mrc";
+  write_bytes(c, b);
+  Floats v;
+  const std::string out = zk_stdout([&] { v = read_of(c, 0, 0, 4); });
+  EXPECT_TRUE(zk_has(out, ": File type unknown!!\n")) << out;
+  EXPECT_EQ(v, Floats(4, -7.0f));
 }
 
 // ---------------------------------------------------------------- sizes
