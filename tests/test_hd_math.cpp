@@ -88,30 +88,36 @@ void sweep_bits(uint32_t from, uint32_t to, uint32_t stride, F f) {
 
 }  // namespace
 
-// Every function over every order of magnitude of both signs and densely
-// where arguments usually lie; sine and cosine also next to the multiples of
+// Every function over every order of magnitude and densely where arguments
+// usually lie: exp and the sines of both signs, the logarithms also next to
+// 1, where they are small; sine and cosine also next to the multiples of
 // pi/2, where the reduced argument is smallest, and at large arguments.
 TEST(HdMath, FloatFunctionsWithinTwoUlp) {
+  enum Kind { kExp, kLog, kTrig };
   const struct {
     const char* name;
     float (*f)(float);
     double (*ref)(double);
-    bool trig;
-  } fns[] = {{"hd_expf", hd_expf, [](double x) { return std::exp(x); }, false},
-             {"hd_logf", hd_logf, [](double x) { return std::log(x); }, false},
-             {"hd_log2f", hd_log2f, [](double x) { return std::log2(x); }, false},
-             {"hd_log10f", hd_log10f, [](double x) { return std::log10(x); }, false},
-             {"hd_sinf", hd_sinf, [](double x) { return std::sin(x); }, true},
-             {"hd_cosf", hd_cosf, [](double x) { return std::cos(x); }, true}};
+    Kind kind;
+  } fns[] = {{"hd_expf", hd_expf, [](double x) { return std::exp(x); }, kExp},
+             {"hd_logf", hd_logf, [](double x) { return std::log(x); }, kLog},
+             {"hd_log2f", hd_log2f, [](double x) { return std::log2(x); }, kLog},
+             {"hd_log10f", hd_log10f, [](double x) { return std::log10(x); }, kLog},
+             {"hd_sinf", hd_sinf, [](double x) { return std::sin(x); }, kTrig},
+             {"hd_cosf", hd_cosf, [](double x) { return std::cos(x); }, kTrig}};
   for (const auto& fn : fns) {
     MaxErr m(fn.name);
     auto check = [&](float x) { m.add(ulp_err(fn.f(x), fn.ref((double)x)), x); };
-    sweep_bits(0x00000001u, 0x7f7fffffu, 1021, check);
-    sweep_bits(0x80000001u, 0xff7fffffu, 1021, check);
-    for (float x = -64.0f; x <= 64.0f; x += 1.0f / 8192) check(x);
-    for (float x = 0.5f; x <= 2.0f; x += 1.0f / (1 << 18)) check(x);  // near 1, where the logarithms are small
-    if (!fn.trig) continue;
-    for (int k = 1; k < 2000000; k += 7) {
+    const uint32_t stride = fn.kind == kTrig ? 2039 : 1021;
+    sweep_bits(0x00000001u, 0x7f7fffffu, stride, check);
+    if (fn.kind == kLog) {
+      for (float x = 0.5f; x <= 2.0f; x += 1.0f / (1 << 18)) check(x);
+      continue;
+    }
+    sweep_bits(0x80000001u, 0xff7fffffu, stride, check);
+    for (float x = -64.0f; x <= 64.0f; x += 1.0f / 4096) check(x);
+    if (fn.kind != kTrig) continue;
+    for (int k = 1; k < 2000000; k += 13) {
       uint32_t u = bits((float)(k * (M_PI / 2)));
       for (uint32_t d = u - 2; d <= u + 2; ++d) check(from_bits(d));
     }
