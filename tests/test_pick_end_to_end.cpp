@@ -216,10 +216,7 @@ TEST(PickEndToEnd, ExtractionCutsEveryPick) {
   ASSERT_GE(stack.size(), 1024u);
   int32_t dims[4];
   memcpy(dims, stack.data(), sizeof dims);
-  EXPECT_EQ(dims[0], 80);
-  EXPECT_EQ(dims[1], 80);
-  EXPECT_EQ((size_t)dims[2], picks);
-  EXPECT_EQ(dims[3], 2);  // float
+  EXPECT_EQ(std::vector<int32_t>(dims, dims + 4), (std::vector<int32_t>{80, 80, (int32_t)picks, 2}));  // floats
   EXPECT_EQ(stack.size(), 1024u + picks * 80 * 80 * 4);
 }
 
