@@ -1,0 +1,246 @@
+// ctf_synth: micrographs with a known contrast transfer function.
+//
+// The specimen is a random phase object (white, as many small particles in
+// ice are) with a low-resolution ice texture on top; its spectrum is
+// multiplied by the CTF and a B-factor envelope, and the image gets a smooth
+// illumination background and white noise at a chosen level.  Movies hold the
+// same specimen in every frame with independent noise, so that their sum has
+// the noise level asked for.
+//
+//   ctf_synth --out mic.mrc [--nx 3838] [--ny 3710] [--apix 1.0] [--kv 300]
+//             [--cs 2.7] [--ac 0.1] [--defu 15000] [--defv 15000] [--angle 0]
+//             [--ps 0] [--bfactor 80] [--noise 3] [--ice 2] [--frames 1]
+//             [--seed 1] [--truth truth.star]
+//
+// Defocus in A, positive for underfocus; --angle in degrees: defocus U holds
+// along the frequency direction at that angle, counter-clockwise from the
+// image's x axis towards increasing row numbers, V across it (RELION's
+// convention).  --ps in degrees; --noise is the deviation of the white noise
+// in units of the deviation of the specimen image.  --truth appends the
+// values as a line of the CTF engine's summary STAR file (its head first when
+// the file is new; the phase-shift column when --ps is given), with the
+// angle in [0, 90) and the phase shift in [-20, 160) as the engine writes
+// them.
+#include <fftw3.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "formats/mrcfile.h"
+
+namespace {
+
+struct Para {
+  std::string out, truth;
+  int nx = 3838, ny = 3710, frames = 1;
+  unsigned seed = 1;
+  double apix = 1.0, kv = 300, cs = 2.7, ac = 0.1, defu = 15000, defv = 15000, angle = 0, ps = 0, bfactor = 80;
+  double noise = 3.0, ice = 2.0;
+  bool ps_given = false;
+};
+
+[[noreturn]] void usage(const char* why) {
+  fprintf(stderr, "ctf_synth: %s\n", why);
+  fprintf(stderr,
+          "usage: ctf_synth --out mic.mrc [--nx N] [--ny N] [--apix A] [--kv kV] [--cs mm] [--ac f]\n"
+          "       [--defu A] [--defv A] [--angle deg] [--ps deg] [--bfactor A2] [--noise s] [--ice a]\n"
+          "       [--frames N] [--seed N] [--truth file.star]\n");
+  exit(1);
+}
+
+Para parse(int argc, char** argv) {
+  Para p;
+  for (int i = 1; i < argc; ++i) {
+    std::string k = argv[i];
+    if (i + 1 >= argc) usage(("no value after " + k).c_str());
+    const char* v = argv[++i];
+    if (k == "--out")
+      p.out = v;
+    else if (k == "--truth")
+      p.truth = v;
+    else if (k == "--nx")
+      p.nx = atoi(v);
+    else if (k == "--ny")
+      p.ny = atoi(v);
+    else if (k == "--frames")
+      p.frames = atoi(v);
+    else if (k == "--seed")
+      p.seed = (unsigned)strtoul(v, nullptr, 10);
+    else if (k == "--apix")
+      p.apix = atof(v);
+    else if (k == "--kv")
+      p.kv = atof(v);
+    else if (k == "--cs")
+      p.cs = atof(v);
+    else if (k == "--ac")
+      p.ac = atof(v);
+    else if (k == "--defu")
+      p.defu = atof(v);
+    else if (k == "--defv")
+      p.defv = atof(v);
+    else if (k == "--angle")
+      p.angle = atof(v);
+    else if (k == "--ps")
+      p.ps = atof(v), p.ps_given = true;
+    else if (k == "--bfactor")
+      p.bfactor = atof(v);
+    else if (k == "--noise")
+      p.noise = atof(v);
+    else if (k == "--ice")
+      p.ice = atof(v);
+    else
+      usage(("unknown option " + k).c_str());
+  }
+  if (p.out.empty()) usage("--out is required");
+  if (p.nx < 16 || p.ny < 16 || p.nx % 2 || p.ny % 2) usage("sizes must be even and at least 16");
+  if (p.apix <= 0 || p.frames < 1) usage("--apix must be positive and --frames at least 1");
+  return p;
+}
+
+double wavelength(double kv) {
+  const double v = kv * 1000.0;
+  return 12.2643247 / sqrt(v * (1.0 + 0.978466e-6 * v));
+}
+
+// The image of the specimen through the CTF, mean 0, deviation 1.
+std::vector<float> specimen_image(const Para& p, std::mt19937_64& rng) {
+  const int nx = p.nx, ny = p.ny, nxh = nx / 2 + 1;
+  std::normal_distribution<double> gauss(0.0, 1.0);
+  fftwf_complex* f = fftwf_alloc_complex((size_t)nxh * ny);
+  float* img = fftwf_alloc_real((size_t)nx * ny);
+  const double lambda = wavelength(p.kv), ccs = 0.5 * M_PI * p.cs * 1e7 * lambda * lambda * lambda;
+  const double w = sqrt(1.0 - p.ac * p.ac), arad = p.angle * M_PI / 180.0, prad = p.ps * M_PI / 180.0;
+  for (int ky = 0; ky < ny; ++ky) {
+    const double fy = (ky < ny / 2 ? ky : ky - ny) / (ny * p.apix);
+    for (int kx = 0; kx < nxh; ++kx) {
+      const double fx = kx / (nx * p.apix), s2 = fx * fx + fy * fy;
+      const double t = atan2(fy, fx) - arad;
+      const double z = p.defu * cos(t) * cos(t) + p.defv * sin(t) * sin(t);
+      const double g = M_PI * lambda * z * s2 - ccs * s2 * s2 + prad;
+      // Ice: strong below about 60 A, nothing at high resolution.
+      const double amp = 1.0 + p.ice * exp(-s2 / (2.0 * 0.012 * 0.012));
+      const double ctf = -(w * sin(g) + p.ac * cos(g)) * exp(-p.bfactor * s2 / 4.0) * amp;
+      f[(size_t)ky * nxh + kx][0] = (float)(ctf * gauss(rng));
+      f[(size_t)ky * nxh + kx][1] = (float)(ctf * gauss(rng));
+    }
+  }
+  f[0][0] = f[0][1] = 0.0f;
+  fftwf_plan inv = fftwf_plan_dft_c2r_2d(ny, nx, f, img, FFTW_ESTIMATE);
+  fftwf_execute(inv);
+  std::vector<float> out(img, img + (size_t)nx * ny);
+  fftwf_destroy_plan(inv);
+  fftwf_free(f);
+  fftwf_free(img);
+  double sum = 0, ss = 0;
+  for (float v : out) sum += v;
+  const double mean = sum / out.size();
+  for (float v : out) ss += (v - mean) * (v - mean);
+  const double sd = sqrt(ss / out.size());
+  for (float& v : out) v = (float)((v - mean) / sd);
+  return out;
+}
+
+void write_mrc(const std::string& name, const std::vector<float>& v, int nx, int ny, int nz) {
+  FILE* fp = fopen(name.c_str(), "wb");
+  if (!fp) usage(("cannot write " + name).c_str());
+  MRC_HEAD head;
+  mrc_init_head(&head);
+  mrc_set_head_xyz_mode(&head, nx, ny, nz, MRC_MODE_FLOAT);
+  mrc_set_head_mmm_from_data(&head, v.data(), (uint32_t)std::min(v.size(), (size_t)UINT32_MAX));
+  mrc_write_head(fp, &head);
+  if (fwrite(v.data(), sizeof(float), v.size(), fp) != v.size() || fclose(fp) != 0)
+    usage(("writing failed: " + name).c_str());
+}
+
+// The engine's normal forms: angle in [0, 90), phase shift in [-20, 160).
+void normal_forms(double& u, double& v, double& a, double& ps) {
+  a = a - 180.0 * floor((a + 90.0) / 180.0);
+  if (a < 0) {
+    a += 90.0;
+    std::swap(u, v);
+  }
+  ps = ps - 180.0 * floor((ps + 20.0) / 180.0);
+}
+
+void append_truth(const Para& p) {
+  FILE* check = fopen(p.truth.c_str(), "r");
+  bool fresh = true;
+  if (check) {
+    fresh = fgetc(check) == EOF;
+    fclose(check);
+  }
+  FILE* fp = fopen(p.truth.c_str(), "a");
+  if (!fp) usage("cannot write the truth file");
+  if (fresh) {
+    fprintf(fp, "\ndata_\n\nloop_\n");
+    const char* labels[] = {"_rlnMicrographName",
+                            "_rlnCtfImage",
+                            "_rlnDefocusU",
+                            "_rlnDefocusV",
+                            "_rlnDefocusAngle",
+                            "_rlnVoltage",
+                            "_rlnSphericalAberration",
+                            "_rlnAmplitudeContrast",
+                            "_rlnMagnification",
+                            "_rlnDetectorPixelSize",
+                            "_rlnCtfFigureOfMerit"};
+    for (int i = 0; i < 11; ++i) fprintf(fp, "%s #%d\n", labels[i], i + 1);
+    if (p.ps_given)
+      fprintf(fp, "_rlnCtfMaxResolution #12\n_rlnPhaseShift #13\n");
+    else
+      fprintf(fp, "_rlnFinalResolution #12\n");
+  }
+  double u = p.defu, v = p.defv, a = p.angle, ps = p.ps;
+  normal_forms(u, v, a, ps);
+  std::string ctf = p.out;
+  if (ctf.size() > 4 && ctf.compare(ctf.size() - 4, 4, ".mrc") == 0) ctf.resize(ctf.size() - 4);
+  ctf += ".ctf";
+  const double dstep = 14.0, mag = dstep * 10000.0 / p.apix;
+  fprintf(fp, "%s %s:mrc %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f %12.6f", p.out.c_str(),
+          ctf.c_str(), u, v, a, p.kv, p.cs, p.ac, mag, dstep, 1.0, 2.0 * p.apix);
+  if (p.ps_given) fprintf(fp, " %12.6f", ps);
+  fprintf(fp, "\n");
+  fclose(fp);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Para p = parse(argc, argv);
+  std::mt19937_64 rng(p.seed);
+  std::normal_distribution<double> gauss(0.0, 1.0);
+  const int nx = p.nx, ny = p.ny;
+  const std::vector<float> spec = specimen_image(p, rng);
+
+  // Illumination: a slope and a broad hump, counts around 100.
+  std::vector<float> base((size_t)nx * ny);
+  const double cx = nx * (0.3 + 0.4 * std::uniform_real_distribution<double>(0, 1)(rng)), cy = ny * 0.55;
+  for (int y = 0; y < ny; ++y)
+    for (int x = 0; x < nx; ++x) {
+      const double dx = (x - cx) / nx, dy = (y - cy) / ny;
+      base[(size_t)y * nx + x] = (float)(100.0 + 8.0 * ((double)x / nx - 0.5) - 5.0 * ((double)y / ny - 0.5) +
+                                         6.0 * exp(-(dx * dx + dy * dy) / 0.08));
+    }
+
+  // The specimen has deviation 2 counts; the noise p.noise times that.
+  const int nz = p.frames;
+  std::vector<float> out((size_t)nx * ny * nz);
+  const double frame_noise = p.noise * sqrt((double)nz);
+  for (int k = 0; k < nz; ++k) {
+    float* f = out.data() + (size_t)k * nx * ny;
+    for (size_t i = 0; i < (size_t)nx * ny; ++i)
+      f[i] = (float)((base[i] + 2.0 * spec[i] + 2.0 * frame_noise * gauss(rng)) / nz);
+  }
+  write_mrc(p.out, out, nx, ny, nz);
+  if (!p.truth.empty()) append_truth(p);
+  printf("ctf_synth: %s, %d x %d x %d, U %.1f V %.1f angle %.2f ps %.2f\n", p.out.c_str(), nx, ny, nz, p.defu, p.defv,
+         p.angle, p.ps);
+  return 0;
+}
