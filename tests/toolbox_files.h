@@ -14,8 +14,8 @@
 #include "imagefile/mrc_whole.h"
 
 // Mode 2 floats, or mode 1 (the values rounded to 16-bit integers).
-inline void write_test_mrc(const std::string& path, const std::vector<float>& v, int nx, int ny, int nz, int mode = 2,
-                           float apix = 1.5f) {
+inline void write_test_mrc(const std::string& path, const std::vector<float>& v, int nx, int ny, int nz = 1,
+                           int mode = 2, float apix = 1.5f) {
   MRC_HEAD h;
   memset(&h, 0, sizeof h);
   mrc_init_head(&h);

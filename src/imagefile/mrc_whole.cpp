@@ -34,6 +34,12 @@ void mrcf_read_whole(const char* name, MRC_HEAD* head, std::vector<float>& data)
   mrc_read_all_nocheck(fp.get(), head, data.data());
 }
 
+void mrcf_open_checked(const char* name, ZkFilePtr& fp, MRC_HEAD* head) {
+  fp.reset(ZK_FOPEN_READ(name, "rb"));
+  mrc_read_head(fp.get(), head);
+  vet_head(name, fp.get(), head);
+}
+
 void mrcf_read_first_slice(const char* name, MRC_HEAD* head, std::vector<float>& data) {
   ZkFilePtr fp(ZK_FOPEN_READ(name, "rb"));
   mrc_read_head(fp.get(), head);

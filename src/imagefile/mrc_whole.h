@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "core/report.h"
 #include "formats/mrcfile.h"
 #include "formats/safe_output.h"
 
@@ -14,6 +15,9 @@
 // positive, or a file shorter or longer than its head promises throws a
 // report naming the file.
 void mrcf_read_whole(const char* name, MRC_HEAD* head, std::vector<float>& data);
+// Opens the file and reads its head with the same checks, for reading slice
+// by slice.
+void mrcf_open_checked(const char* name, ZkFilePtr& fp, MRC_HEAD* head);
 // The first slice (nx by ny floats) only; the same checks on the head.
 void mrcf_read_first_slice(const char* name, MRC_HEAD* head, std::vector<float>& data);
 // Throws a report naming the file and its sizes unless nx = ny = nz; what
