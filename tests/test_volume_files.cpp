@@ -8,6 +8,7 @@
 
 #include "test_util.h"
 #include "toolbox_files.h"
+#include "volume/map_templates.h"
 #include "volume/process3d_mrc.h"
 #include "volume/process3d_raw.h"
 
@@ -205,4 +206,53 @@ TEST(VolumeFiles, InputsThatCannotBeUsed) {
   EXPECT_FAILS("short.mrc is not as long as its head promises",
                mrcf_3d_rot_trans((dir / "short.mrc").c_str(), (dir / "o.mrc").c_str(), 0, 0, 0, 0, 0, 0, 0));
   EXPECT_FALSE(zk_exists(dir / "o.mrc"));
+}
+
+// Templates: one projection per direction of the asymmetric unit, the top
+// view first, with the pixel size in the head.
+TEST(VolumeFiles, TemplatesFromAMap) {
+  ZkTmpDir dir;
+  printed_by([&] { mrcf_3d_test_lobes((dir / "map.mrc").c_str(), 24, 10.0f, 200.0f); });
+  const TestMrc map = read_test_mrc(dir / "map.mrc");
+  ASSERT_EQ(map.nz(), 24);
+  EXPECT_FLOAT_EQ(mrc_head_apix(&map.head), 10.0f);
+  // Seen along z: the synthetic particle's three 2D lobes, each weighted by
+  // its z width sigma*sqrt(2 pi) (r = 10 pixels, centre 11.5).
+  const double lobes[3][3] = {{-0.40, 0.00, 0.34}, {0.30, 0.22, 0.30}, {0.18, -0.32, 0.26}};
+  for (int y : {4, 11, 14, 19})
+    for (int x : {3, 8, 12, 15}) {
+      double want = 0, got = 0;
+      for (const auto& l : lobes) {
+        const double u = (x - 11.5) / 10 - l[0], w = (y - 11.5) / 10 - l[1], s = l[2] * 10;
+        want += s * sqrt(2 * M_PI) * exp(-(u * u + w * w) * 100 / (2 * s * s));
+      }
+      for (int z = 0; z < 24; ++z) got += map.v[at(24, 24, x, y, z)];
+      EXPECT_NEAR(got, want, 1e-3 * want + 1e-4) << x << "," << y;
+    }
+
+  std::string text;
+  int n = 0;
+  text = printed_by(
+      [&] { n = mrcf_3d_project_templates((dir / "map.mrc").c_str(), (dir / "t.mrcs").c_str(), "D2", 30, 0); });
+  EXPECT_EQ((size_t)n, asym_unit_orientations("D2", 30).size());
+  const TestMrc t = read_test_mrc(dir / "t.mrcs");
+  EXPECT_EQ(t.nz(), n);
+  EXPECT_FLOAT_EQ(mrc_head_apix(&t.head), 10.0f);
+  EXPECT_NE(text.find("template    0: rot    0.000 tilt    0.000 psi    0.000\n"), std::string::npos) << text;
+  std::vector<float> top(24 * 24);
+  gpu_3d_project(top.data(), map.v.data(), 24, 24, 24, 11.5f, 11.5f, 11.5f, 0, 0, 0, -1);
+  EXPECT_TRUE(same(std::vector<float>(t.v.begin(), t.v.begin() + 24 * 24), top));
+  // A pixel size given wins over the map's.
+  printed_by([&] { mrcf_3d_project_templates((dir / "map.mrc").c_str(), (dir / "t2.mrcs").c_str(), "C1", 90, 2.5f); });
+  const TestMrc t2 = read_test_mrc(dir / "t2.mrcs");
+  EXPECT_EQ(t2.nz(), 6);  // the poles and four directions on the equator
+  EXPECT_FLOAT_EQ(mrc_head_apix(&t2.head), 2.5f);
+
+  write_test_mrc(dir / "flat.mrc", std::vector<float>(8 * 8 * 4, 1.0f), 8, 8, 4);
+  EXPECT_FAILS("flat.mrc is 8 x 8 x 4: projection at every orientation needs a cubic map",
+               mrcf_3d_project_templates((dir / "flat.mrc").c_str(), (dir / "x.mrcs").c_str(), "C1", 30, 1));
+  write_test_mrc(dir / "nopix.mrc", std::vector<float>(8 * 8 * 8, 1.0f), 8, 8, 8, 2, 0.0f);
+  EXPECT_FAILS("nopix.mrc holds no pixel size; give it",
+               mrcf_3d_project_templates((dir / "nopix.mrc").c_str(), (dir / "x.mrcs").c_str(), "C1", 30, 0));
+  EXPECT_FAILS("only Cn and Dn", mrcf_3d_project_templates((dir / "map.mrc").c_str(), "x", "I", 30, 0));
 }
