@@ -64,18 +64,25 @@ void project_to_stack(const char* out, const MRC_HEAD& head, const float* d_map,
   MRC_HEAD hs;
   mrc_head_for_output(&hs, &head, head.nx, head.ny, n);
   ZkMrcStackWriter stack(out, hs);
-  const double t0 = now_seconds();
+  // The projections (with their copies and writes) and the back-projections
+  // are timed apart.
+  double t_proj = 0.0, t_back = 0.0;
   for (int k = 0; k < n; ++k) {
+    const double t0 = now_seconds();
     hcuda_3d_project(d_img.get(), d_map, head.nx, head.ny, head.nz, cx, cy, cz, (float)o[k].rot, (float)o[k].tilt,
                      (float)o[k].psi, dir);
     ZK_CHECK(memcpy_D2H(img.data(), d_img.get(), plane * sizeof(float)));
     stack.add(img.data());
-    if (d_rec)
-      hcuda_3d_backproject(d_rec, d_img.get(), head.nx, head.ny, head.nz, cx, cy, cz, (float)o[k].rot, (float)o[k].tilt,
-                           (float)o[k].psi, zk_reverse_dir(dir));
+    const double t1 = now_seconds();
+    t_proj += t1 - t0;
+    if (!d_rec) continue;
+    hcuda_3d_backproject(d_rec, d_img.get(), head.nx, head.ny, head.nz, cx, cy, cz, (float)o[k].rot, (float)o[k].tilt,
+                         (float)o[k].psi, zk_reverse_dir(dir));
+    t_back += now_seconds() - t1;
   }
   if (d_rec) printf("\n");
-  printf(">>>>>>TIME<<<<<<%32s: %fs\n", "cuda_3d_project_many", now_seconds() - t0);
+  printf(">>>>>>TIME<<<<<<%32s: %fs\n", "cuda_3d_project_many", t_proj);
+  if (d_rec) printf(">>>>>>TIME<<<<<<%32s: %fs\n", "cuda_3d_backproject_many", t_back);
   stack.finish();
 }
 

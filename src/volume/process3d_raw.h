@@ -17,6 +17,12 @@
 
 #include "volume/sym.h"
 
+// On the host the kernels take their work in an order of their own (tiles
+// of columns, voxels in memory order) that gives the GPU's bits; with on,
+// the host runs the GPU's column kernels instead, so that their results can
+// be checked without a GPU.
+void zk_volume_columns_on_host(bool on);
+
 // -1 for any dir but -1, 0 for -1.
 inline int zk_reverse_dir(int dir) { return dir == -1 ? 0 : -1; }
 
