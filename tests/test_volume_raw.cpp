@@ -219,18 +219,6 @@ TEST_P(Volume3d, ProjectedBlobLandsOnItsLine) {
     }
 }
 
-TEST_P(Volume3d, BackprojectionAddsTheImageAlongItsLines) {
-  const int nx = 6, ny = 5, nz = 4;
-  std::vector<float> img = random_volume(nx, ny, 1, 9);
-  std::vector<float> vol((size_t)nx * ny * nz, 0.0f);
-  testing::internal::CaptureStdout();
-  gpu_3d_backproject(vol.data(), img.data(), nx, ny, nz, 2.5f, 2.0f, 1.5f, 0, 0, 0, 0);
-  gpu_3d_backproject(vol.data(), img.data(), nx, ny, nz, 2.5f, 2.0f, 1.5f, 0, 0, 0, -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "..");
-  for (int z = 0; z < nz; ++z)
-    for (int i = 0; i < nx * ny; ++i) ASSERT_EQ(vol[(size_t)z * nx * ny + i], img[i] + img[i]) << z << " " << i;
-}
-
 // The back-projection of projections at many orientations, each by the
 // reverse dir, correlates with the map; by the same dir it does not.
 TEST_P(Volume3d, BackprojectionOfProjectionsCorrelatesWithTheMap) {
@@ -292,18 +280,6 @@ TEST_P(Volume3d, SymmetryExpansionPaintsTheMapAtEachOperator) {
     EXPECT_EQ(o1[at(nx, ny, 1 + (int)ox, 1 + (int)oy, 1 + (int)oz)], want) << w;
     EXPECT_EQ(o1[at(nx, ny, 9, 8, 7)], 2.0f);
   }
-}
-
-TEST_P(Volume3d, MassCentre) {
-  const int nx = 5, ny = 4, nz = 3;
-  std::vector<float> v((size_t)nx * ny * nz, 0.0f);
-  v[at(nx, ny, 4, 1, 2)] = 3.0f;
-  v[at(nx, ny, 0, 3, 0)] = 1.0f;
-  double x, y, z;
-  get_mass_center_3d(v.data(), nx, ny, nz, x, y, z);
-  EXPECT_DOUBLE_EQ(x, 3.0);
-  EXPECT_DOUBLE_EQ(y, 1.5);
-  EXPECT_DOUBLE_EQ(z, 1.5);
 }
 
 // The host's own order of the work gives the bits of the GPU's column
