@@ -160,6 +160,22 @@ TEST_P(DeviceReduce, StatisticsOnTheTree) {
     EXPECT_EQ(d.get(), v);
     EXPECT_TRUE(same_bits(hcuda_fast_sum6_inplace(d.p, k), s6));
     EXPECT_EQ(d.get()[0], s6);
+    // The seventh order too, with its input kept.
+    DevArray d7(v);
+    const float s7 = hcuda_reduce_data_for_sum7(d7.p, k);
+    EXPECT_NEAR(s7, exact, std::fabs(exact) * 1e-5 + 1e-4) << k;
+    EXPECT_EQ(d7.get(), v);
+  }
+  // Small integers sum exactly in any order, so an element missed or added
+  // twice by the grid stride shows: sizes around one block pair and around
+  // the full grid of 64 blocks.
+  for (size_t k : {size_t(0), size_t(1), size_t(1024), size_t(1025), size_t(2049), size_t(64 * 2048 - 1),
+                   size_t(64 * 2048 + 1025), size_t(300001)}) {
+    std::vector<float> v = mapped(k, [](size_t i) { return (float)(i % 7 + 1); });
+    double exact = 0.0;
+    for (float x : v) exact += x;
+    DevArray d(v.empty() ? std::vector<float>(1, 0.0f) : v);
+    EXPECT_EQ(hcuda_reduce_data_for_sum7(d.p, k), (float)exact) << k;
   }
 }
 
