@@ -94,6 +94,17 @@ measure "$ZAVIK" --apixM $APIX --diameter $DIAM --T "$WORK/templates.mrcs" --api
 Z_T6=$(div "$WALL" "$N")
 report "zavik, 6 templates at 5 degrees"
 
+# The cost of the automatic cutoff and of filling the rejected areas.
+PREC=(--cc_cutoff auto --fill_rejected 1)
+measure "$ZAVIK" --apixM $APIX --diameter $DIAM "${PREC[@]}" "${MICS[@]}"
+Z_GEN_P=$(div "$WALL" "$N")
+report "zavik, generated, auto + fill"
+measure "$ZAVIK" --apixM $APIX --diameter $DIAM --T "$WORK/templates.mrcs" --apixT $APIX "${PREC[@]}" "${MICS[@]}"
+Z_T6_P=$(div "$WALL" "$N")
+report "zavik, 6 templates, auto + fill"
+awk -v a="$Z_GEN" -v b="$Z_GEN_P" -v c="$Z_T6" -v d="$Z_T6_P" \
+  'BEGIN {printf "cost of --cc_cutoff auto --fill_rejected 1: %+.1f %% (generated template), %+.1f %% (6 templates)\n", 100 * (b / a - 1), 100 * (d / c - 1)}'
+
 # Memory along a list: 2 and 20 micrographs (links to the same data).
 mkdir -p "$WORK/list"
 for i in $(seq 1 20); do

@@ -6,7 +6,7 @@
 # imagefile             whole files to and from device arrays
 # picking, ctf, volume  the engines
 # movie                 frame weighting, on picking's extraction and the CTF model
-# driver                the picker's front end
+# driver, toolbox       the front ends: the picker's, and zktool's sub-commands
 # programs              one file with main for each executable, on top of everything
 #
 # Prints every include that points up or sideways and every call of exit or
@@ -24,7 +24,8 @@ declare -A may=(
   [volume]="core formats device imagefile volume"
   [movie]="core formats device imagefile picking ctf movie"
   [driver]="core formats device imagefile picking ctf volume movie driver"
-  [programs]="core formats device imagefile picking ctf volume movie driver"
+  [toolbox]="core formats device imagefile picking ctf volume movie toolbox"
+  [programs]="core formats device imagefile picking ctf volume movie driver toolbox"
 )
 library="core formats device imagefile picking ctf volume movie"
 

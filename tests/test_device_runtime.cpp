@@ -4,6 +4,7 @@
 
 #include "backend_fixture.h"
 #include "device/cuda_general.h"
+#include "test_util.h"
 
 TEST(LaunchGeometry, BlocksCoverEveryElement) {
   // 1-D: blocks of 1024, one more for any remainder.
@@ -80,8 +81,6 @@ TEST(DeviceRuntimeHost, HostStandsInWithANote) {
   zk_use_host();
   EXPECT_FALSE(zk_on_gpu());
   EXPECT_STRNE(zk_backend_note(), "");
-  testing::internal::CaptureStdout();
-  gpu_report_memory();
-  std::string out = testing::internal::GetCapturedStdout();
+  const std::string out = zk_stdout(gpu_report_memory);
   EXPECT_EQ(out.rfind("GPU memory usage:  total = ", 0), 0u) << out;
 }

@@ -38,12 +38,6 @@ void expect_cutouts(const float* out, const std::vector<int2>& corners, int w, i
       }
 }
 
-void write_text(const std::string& p, const std::string& text) {
-  FILE* f = fopen(p.c_str(), "w");
-  fputs(text.c_str(), f);
-  fclose(f);
-}
-
 std::string box_line(int x, int y, int w, int h) {
   char buf[128];
   snprintf(buf, sizeof buf, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f\n", x, y, w, h, 0.5f, 0, 0.0f);
@@ -60,7 +54,6 @@ PTCL_BOX box_at(int x, int y, int w, int h) {
   return b;
 }
 
-// The report goes to stdout; death tests read stderr.
 // A mode 1 micrograph of nx x ny shorts with value x + 100 y, written byte by byte.
 void write_short_micrograph(const std::string& p, int nx, int ny) {
   std::vector<unsigned char> b(1024, 0);
@@ -106,81 +99,26 @@ TEST(ExtractCut, CornersInsideAndOverEveryEdge) {
   expect_cutouts(all.data(), corners, w, h, nx, ny);
 }
 
-TEST(ExtractCut, BoxesOutsideAreSkippedWithAWarning) {
-  const int nx = 10, ny = 8;
-  std::vector<float> img = coded_image(nx, ny);
-  // The first record's size serves for all; x + w must stay below nx.
-  const PTCL_BOX boxes[5] = {box_at(1, 1, 3, 3), box_at(7, 0, 9, 9), box_at(6, 4, 3, 3), box_at(-1, 2, 3, 3),
-                             box_at(2, 5, 3, 3)};
-  std::vector<float> out(5 * 9, -1.0f);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(host_2d_read_ptcls_to_2ds_from_boxes(out.data(), boxes, 5, img.data(), nx, ny), 2);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "Warning: box (7 0 9 9)out of range, skip extracting this particle!\n"
-            "Warning: box (-1 2 3 3)out of range, skip extracting this particle!\n"
-            "Warning: box (2 5 3 3)out of range, skip extracting this particle!\n");
-  // The kept ones fill places 0 and 2; the others stay untouched.
-  expect_cutouts(out.data(), {make_i2(1, 1)}, 3, 3, nx, ny);
-  expect_cutouts(out.data() + 18, {make_i2(6, 4)}, 3, 3, nx, ny);
-  for (int p : {1, 3, 4})
-    for (int k = 0; k < 9; ++k) EXPECT_EQ(out[p * 9 + k], -1.0f) << p;
-}
-
 class ExtractDevice : public BackendTest {};
 TEST_P(ExtractDevice, CutOutMatchesOnTheDevice) {
   const int nx = 70, ny = 45, w = 40, h = 33;  // more than one 32 x 32 block each way
-  float* d_img = to_dev(coded_image(nx, ny));
-  float* d_out = d_alloc_float((size_t)w * h);
+  Dev d;
+  float *d_img = d.put(coded_image(nx, ny)), *d_out = d.f((size_t)w * h);
   for (const int2& c : {make_i2(5, 6), make_i2(-10, 3), make_i2(50, 30), make_i2(-39, -32), make_i2(0, 0)}) {
     hcuda_2d_extract_small_from_large(d_out, w, h, d_img, nx, ny, c.x, c.y);
     expect_cutouts(from_dev(d_out, (size_t)w * h).data(), {c}, w, h, nx, ny);
   }
-  device_free(d_img);
-  device_free(d_out);
 }
 ZK_BACKEND_SUITE(ExtractDevice);
 
 // ---------------------------------------------------------------- files
-
-TEST(ExtractFile, StackBesideTheMicrographWithItsHead) {
-  ZkTmpDir dir;
-  const int nx = 40, ny = 30, w = 12, h = 12;
-  std::string mic = dir / "mic.mrc", boxf = dir / "mic_zavik.box";
-  write_short_micrograph(mic, nx, ny);
-  const std::vector<int2> pos = {make_i2(5, 6), make_i2(-10, 2), make_i2(34, 25), make_i2(14, 9)};
-  std::string text;
-  for (const int2& p : pos) text += box_line(p.x, p.y, w, h);
-  write_text(boxf, text);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 0, 0), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  std::string stack = dir / "mic_particles.mrcs";
-  MRC_HEAD* head = get_mrcf_head(stack.c_str());
-  ASSERT_NE(head, nullptr);
-  EXPECT_EQ(head->nx, w);
-  EXPECT_EQ(head->ny, h);
-  EXPECT_EQ(head->nz, 4);
-  EXPECT_EQ(head->mode, 2);
-  EXPECT_EQ(head->mx, 1);
-  EXPECT_EQ(head->xlen, 1.0f);
-  float* d = get_mrcf_data_all(stack.c_str());
-  expect_cutouts(d, pos, w, h, nx, ny);
-  const size_t n = (size_t)4 * w * h;
-  double sum = 0.0;
-  for (size_t i = 0; i < n; ++i) sum += d[i];
-  EXPECT_EQ(head->amin, *std::min_element(d, d + n));
-  EXPECT_EQ(head->amax, *std::max_element(d, d + n));
-  EXPECT_EQ(head->amean, (float)(sum / n));
-  free(d);
-  free(head);
-}
 
 TEST(ExtractFile, BoxSizeResizesAroundTheCentreAndInvertNegates) {
   ZkTmpDir dir;
   std::string mic = dir / "m.mrc", boxf = dir / "m_zavik.box";
   write_short_micrograph(mic, 50, 40);
   // 20 x 20 boxes at (10, 8) and (25, 15); a box of 10 moves the corners by 5.
-  write_text(boxf, box_line(10, 8, 20, 20) + box_line(25, 15, 20, 20));
+  zk_put(boxf, box_line(10, 8, 20, 20) + box_line(25, 15, 20, 20));
   float* s = get_mrcf_data_ptcls(mic.c_str(), boxf.c_str(), 10, 1);
   const int c[2][2] = {{15, 13}, {30, 20}};
   for (int p = 0; p < 2; ++p)
@@ -196,13 +134,11 @@ TEST(ExtractFile, SixteenFrameMovieGivesFortyEightImages) {
   // Frame codes run past 16 bits: a float movie.
   std::vector<float> frames = coded_image(nx, ny, nz);
   mrcf_write_xyz_data(mic.c_str(), frames.data(), nx, ny, nz);
-  write_text(boxf, box_line(1, 2, w, h) + box_line(16, 13, 99, 99) + box_line(7, 0, 1, 1));
+  zk_put(boxf, box_line(1, 2, w, h) + box_line(16, 13, 99, 99) + box_line(7, 0, 1, 1));
   mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 0, 0);
   std::string stack = dir / "movie_particles.mrcs";
   MRC_HEAD* head = get_mrcf_head(stack.c_str());
-  EXPECT_EQ(head->nx, w);
-  EXPECT_EQ(head->ny, h);
-  EXPECT_EQ(head->nz, 48);
+  EXPECT_EQ(std::vector<int>({head->nx, head->ny, head->nz}), std::vector<int>({w, h, 48}));
   // Image k is particle k / 16, frame k % 16, all of the first box's size.
   float* d = get_mrcf_data_all(stack.c_str());
   expect_cutouts(d, {make_i2(1, 2), make_i2(16, 13), make_i2(7, 0)}, w, h, nx, ny, nz);
@@ -220,7 +156,7 @@ TEST(ExtractFile, ParticleCountLimits) {
   write_short_micrograph(mic, 8, 8);
   std::string text;
   for (int i = 0; i < 10241; ++i) text += box_line(i % 7, (i / 7) % 7, 2, 2);
-  write_text(boxf, text);
+  zk_put(boxf, text);
   mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 0, 0);
   std::string stack = dir / "many_particles.mrcs";
   MRC_HEAD* head = get_mrcf_head(stack.c_str());
@@ -231,21 +167,18 @@ TEST(ExtractFile, ParticleCountLimits) {
   EXPECT_EQ(d[k * 4 + 3], code(k % 7 + 1, (k / 7) % 7 + 1));
   free(d);
 
-  write_text(boxf, "\n\n");
+  zk_put(boxf, "\n\n");
   mrcf_x2d_extract_ptcls_from_micrograph(mic.c_str(), boxf.c_str(), 64, 0);
   EXPECT_EQ(zk_slurp(stack).size(), 1024u);
   head = get_mrcf_head(stack.c_str());
-  EXPECT_EQ(head->nx, 0);
-  EXPECT_EQ(head->ny, 0);
-  EXPECT_EQ(head->nz, 0);
-  EXPECT_EQ(head->mode, 2);
+  EXPECT_EQ(std::vector<int>({head->nx, head->ny, head->nz, head->mode}), std::vector<int>({0, 0, 0, 2}));
   free(head);
 }
 
 TEST(ExtractFile, UnusableMicrographsEndTheRun) {
   ZkTmpDir dir;
   std::string boxf = dir / "z_zavik.box";
-  write_text(boxf, box_line(0, 0, 2, 2));
+  zk_put(boxf, box_line(0, 0, 2, 2));
   std::string zero = dir / "z.mrc";
   std::vector<unsigned char> b(1024, 0);
   int32_t head[4] = {4, 4, 0, 2};
@@ -269,19 +202,17 @@ TEST(ExtractFile, WholeBoxesOnlyFromBoxFile) {
   ZkTmpDir dir;
   std::string mic = dir / "w.mrc", boxf = dir / "w_zavik.box";
   write_short_micrograph(mic, 20, 12);
-  write_text(boxf, box_line(1, 1, 4, 4) + box_line(16, 2, 4, 4) + box_line(15, 7, 4, 4));
+  zk_put(boxf, box_line(1, 1, 4, 4) + box_line(16, 2, 4, 4) + box_line(15, 7, 4, 4));
   std::vector<float> dst(3 * 16, -1.0f);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(mrcf_2d_read_ptcls_to_data_from_boxf(dst.data(), mic.c_str(), boxf.c_str()), 2);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+  int n = 0;
+  EXPECT_EQ(zk_stdout([&] { n = mrcf_2d_read_ptcls_to_data_from_boxf(dst.data(), mic.c_str(), boxf.c_str()); }),
             "Warning: box (16 2 4 4)out of range, skip extracting this particle!\n");
+  EXPECT_EQ(n, 2);
   EXPECT_EQ(dst[0], code(1, 1));
   EXPECT_EQ(dst[16], -1.0f);
   EXPECT_EQ(dst[32 + 15], code(18, 10));
   std::string stack = dir / "w_stack.mrcs";
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(mrcf_2d_read_ptcls_to_mrcf_from_boxf(stack.c_str(), mic.c_str(), boxf.c_str()), 2);
-  testing::internal::GetCapturedStdout();
+  zk_stdout([&] { EXPECT_EQ(mrcf_2d_read_ptcls_to_mrcf_from_boxf(stack.c_str(), mic.c_str(), boxf.c_str()), 2); });
   float* d = get_mrcf_data_all(stack.c_str());
   MRC_HEAD* h = get_mrcf_head(stack.c_str());
   EXPECT_EQ(h->nz, 2);

@@ -24,14 +24,12 @@ GridResult find_filter(const std::vector<float>& map, const std::vector<float>& 
                        float cutoff, std::vector<unsigned int> ice = {}) {
   const int cells = ((nx + G - 1) / G) * ((ny + G - 1) / G);
   if (ice.empty()) ice.assign(cells, 0u);
-  float *d_map = to_dev(map), *d_psi = to_dev(psi);
-  unsigned int* d_ice = to_dev(ice);
+  Dev d;
+  float *d_map = d.put(map), *d_psi = d.put(psi);
+  unsigned int* d_ice = d.put(ice);
   GridResult r = {std::vector<unsigned int>(cells), std::vector<float>(cells), std::vector<float>(cells)};
   gpu_find_filter_ccmax_psi_grids_exclusive(d_map, d_psi, r.index.data(), r.cc.data(), r.psi.data(), cutoff, nx, ny,
                                             G, d_ice, (unsigned int)cells);
-  device_free(d_map);
-  device_free(d_psi);
-  device_free(d_ice);
   return r;
 }
 
@@ -73,74 +71,51 @@ TEST_P(Grids, CellMaximumTiesAndTheFirstPixelRule) {
   EXPECT_EQ(r.psi[8], 355.0f);
 }
 
-TEST_P(Grids, CutoffEqualityStaysAndLowerScoresGo) {
-  const int nx = 30, ny = 30, G = 10;
-  std::vector<float> map(nx * ny, -1.0f), psi(nx * ny, 0.0f);
-  map[at(15, 15, nx)] = 0.25f;  // centre cell, alone
-  GridResult r = find_filter(map, psi, nx, ny, G, 0.25f);
-  EXPECT_EQ(r.index[4], at(15, 15, nx));
-  r = find_filter(map, psi, nx, ny, G, 0.2500001f);
-  EXPECT_EQ(r.index[4], 0u);
-  // With cutoff 0 a negative maximum is still rejected.
-  std::fill(map.begin(), map.end(), -2.0f);
-  map[at(15, 15, nx)] = -0.5f;
-  r = find_filter(map, psi, nx, ny, G, 0.0f);
-  EXPECT_EQ(r.index[4], 0u);
-}
-
-TEST_P(Grids, NeighboursCompeteWithinTheCellDiagonal) {
-  const int nx = 40, ny = 40, G = 10;  // limit 2*G*G = 200
-  std::vector<float> map(nx * ny, 0.0f), psi(nx * ny, 0.0f);
-  // Cells (1,1) and (2,1): positions 12 apart in x and 2 in y: d2 = 148 < 200.
-  map[at(18, 15, nx)] = 0.5f;
-  map[at(21, 13, nx)] = 0.7f;
-  GridResult r = find_filter(map, psi, nx, ny, G, 0.1f);
-  EXPECT_EQ(r.index[1 * 4 + 1], 0u);
-  EXPECT_EQ(r.index[1 * 4 + 2], at(21, 13, nx));
-  // Equal scores: both stay for the box filter to decide.
-  map[at(18, 15, nx)] = 0.7f;
-  r = find_filter(map, psi, nx, ny, G, 0.1f);
-  EXPECT_EQ(r.index[5], at(18, 15, nx));
-  EXPECT_EQ(r.index[6], at(21, 13, nx));
-  // Exactly the diagonal apart (d2 = 10^2 + 10^2 = 200): no competition.
-  std::fill(map.begin(), map.end(), 0.0f);
-  map[at(15, 12, nx)] = 0.4f;
-  map[at(25, 22, nx)] = 0.9f;  // cell (2,2)
-  r = find_filter(map, psi, nx, ny, G, 0.1f);
-  EXPECT_EQ(r.index[5], at(15, 12, nx));
-  EXPECT_EQ(r.index[10], at(25, 22, nx));
-}
-
-TEST_P(Grids, AChainIsDecidedFromTheCandidatesBeforeThePass) {
-  // A < B < C in adjacent cells, B within reach of both: C removes B, and B
-  // still removes A, since the filter reads the candidates as they were
-  // before any verdict.  The outcome is the same on every run and back end.
-  const int nx = 50, ny = 20, G = 10;
-  std::vector<float> map(nx * ny, 0.0f), psi(nx * ny, 0.0f);
-  map[at(17, 5, nx)] = 0.3f;  // A, cell 1
-  map[at(24, 5, nx)] = 0.5f;  // B, cell 2
-  map[at(31, 5, nx)] = 0.9f;  // C, cell 3
-  GridResult r = find_filter(map, psi, nx, ny, G, 0.1f);
-  EXPECT_EQ(r.index[1], 0u);
-  EXPECT_EQ(r.index[2], 0u);
-  EXPECT_EQ(r.index[3], at(31, 5, nx));
-}
-
-TEST_P(Grids, RejectedPositionsRemoveCandidatesWithinReach) {
-  const int nx = 40, ny = 40, G = 10;
-  std::vector<float> map(nx * ny, 0.0f), psi(nx * ny, 0.0f);
-  map[at(25, 25, nx)] = 0.9f;  // cell 10
-  map[at(35, 5, nx)] = 0.8f;   // cell 3
-  map[at(5, 5, nx)] = 0.8f;    // cell 0, near pixel (0, 0)
-  std::vector<unsigned int> ice(16, 0u);
-  // An entry of another cell, 13 away in x and 4 in y: d2 = 185 < 200.
-  ice[9] = at(12, 21, nx);
-  GridResult r = find_filter(map, psi, nx, ny, G, 0.1f, ice);
-  EXPECT_EQ(r.index[10], 0u);
-  EXPECT_EQ(r.index[3], at(35, 5, nx));
-  // Empty entries stand for position (0, 0): the candidate at (5, 5) is
-  // within the diagonal of it (d2 = 50).
-  EXPECT_EQ(r.index[0], 0u);
+// Hand-made maps in cells of 10 (limit 2*G*G = 200): the score cutoff, the
+// neighbour competition and the rejected positions, each case with the
+// candidate it expects in some cells (-1: none).
+TEST_P(Grids, CutoffCompetitionAndRejectedPositions) {
+  struct Peak {
+    int x, y;
+    float cc;
+  };
+  const struct {
+    const char* what;
+    int nx, ny;
+    float ground, cutoff;
+    std::vector<Peak> peaks;
+    std::vector<std::pair<int, int>> ice;        // cell, rejected position x + nx * y
+    std::vector<std::pair<int, int>> expected;   // cell, candidate x + nx * y or -1
+  } cases[] = {
+      {"cutoff equality stays", 30, 30, -1.0f, 0.25f, {{15, 15, 0.25f}}, {}, {{4, 15 * 30 + 15}}},
+      {"cutoff just above goes", 30, 30, -1.0f, 0.2500001f, {{15, 15, 0.25f}}, {}, {{4, -1}}},
+      {"negative maximum at cutoff 0", 30, 30, -2.0f, 0.0f, {{15, 15, -0.5f}}, {}, {{4, -1}}},
+      // Cells (1,1) and (2,1), within reach of each other.
+      {"the lower neighbour goes", 40, 40, 0.0f, 0.1f, {{18, 15, 0.5f}, {21, 13, 0.7f}}, {},
+       {{5, -1}, {6, 13 * 40 + 21}}},
+      {"equal neighbours both stay", 40, 40, 0.0f, 0.1f, {{18, 15, 0.7f}, {21, 13, 0.7f}}, {},
+       {{5, 15 * 40 + 18}, {6, 13 * 40 + 21}}},
+      // d2 = 10^2 + 10^2 = 200: no competition.
+      {"exactly the diagonal apart", 40, 40, 0.0f, 0.1f, {{15, 12, 0.4f}, {25, 22, 0.9f}}, {},
+       {{5, 12 * 40 + 15}, {10, 22 * 40 + 25}}},
+      // A < B < C in adjacent cells, B within reach of both: C removes B, and B
+      // still removes A, since the filter reads the candidates as they were
+      // before any verdict.
+      {"chain", 50, 20, 0.0f, 0.1f, {{17, 5, 0.3f}, {24, 5, 0.5f}, {31, 5, 0.9f}}, {},
+       {{1, -1}, {2, -1}, {3, 5 * 50 + 31}}},
+      // A rejected position of another cell 13 away in x and 4 in y (d2 185);
+      // empty entries stand for position (0, 0), within reach of (5, 5).
+      {"rejected positions", 40, 40, 0.0f, 0.1f, {{25, 25, 0.9f}, {35, 5, 0.8f}, {5, 5, 0.8f}}, {{9, 21 * 40 + 12}},
+       {{10, -1}, {3, 5 * 40 + 35}, {0, -1}}},
+  };
+  for (const auto& c : cases) {
+    std::vector<float> map(c.nx * c.ny, c.ground), psi(c.nx * c.ny, 0.0f);
+    for (const Peak& q : c.peaks) map[at(q.x, q.y, c.nx)] = q.cc;
+    std::vector<unsigned int> ice(((c.nx + 9) / 10) * ((c.ny + 9) / 10), 0u);
+    for (const auto& e : c.ice) ice[e.first] = (unsigned int)e.second;
+    GridResult r = find_filter(map, psi, c.nx, c.ny, 10, c.cutoff, ice);
+    for (const auto& e : c.expected) EXPECT_EQ(r.index[e.first], e.second < 0 ? 0u : (unsigned int)e.second) << c.what;
+  }
 }
 
 ZK_BACKEND_SUITE(Grids);

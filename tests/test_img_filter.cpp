@@ -17,22 +17,14 @@ namespace {
 
 using DevFilter = std::function<void(float* d_img, int n)>;
 
-std::vector<float> noise_image(int nx, int ny, unsigned seed) {
-  std::mt19937 g(seed);
-  std::normal_distribution<float> u(0.0f, 1.0f);
-  std::vector<float> v((size_t)nx * ny);
-  for (float& x : v) x = u(g);
-  return v;
-}
-
+std::vector<float> noise_image(int nx, int ny, unsigned seed) { return zk_normal((size_t)nx * ny, seed); }
 
 // An image through a device filter in place.
 std::vector<float> filtered(const std::vector<float>& img, int n, const DevFilter& f) {
-  float* d = to_dev(img);
-  f(d, n);
-  std::vector<float> out = from_dev(d, img.size());
-  device_free(d);
-  return out;
+  Dev d;
+  float* d_img = d.put(img);
+  f(d_img, n);
+  return from_dev(d_img, img.size());
 }
 
 // The weights that a plain filter puts on the half spectrum of N by N: the
@@ -41,15 +33,13 @@ std::vector<float> filtered(const std::vector<float>& img, int n, const DevFilte
 std::vector<float> spectrum_weights(int N, const DevFilter& f) {
   std::vector<float> imp((size_t)N * N, 0.0f);
   imp[0] = 1.0f;
-  float* d = to_dev(imp);
-  f(d, N);
+  Dev d;
+  float* d_imp = d.put(imp);
+  f(d_imp, N);
   const size_t nh = (size_t)(N / 2 + 1) * N;
-  float2* spectrum = d_alloc_float2(nh);
-  hcuda_2d_fft_r2c(d, spectrum, N, N);
-  std::vector<float2> h(nh);
-  memcpy_D2H(h.data(), spectrum, nh * sizeof(float2));
-  device_free(spectrum);
-  device_free(d);
+  float2* spectrum = d.c(nh);
+  hcuda_2d_fft_r2c(d_imp, spectrum, N, N);
+  std::vector<float2> h = from_dev(spectrum, nh);
   std::vector<float> w(nh);
   const double N2 = (double)N * N;
   for (size_t i = 0; i < nh; ++i) w[i] = (float)(h[i].x / N2);
@@ -180,13 +170,11 @@ TEST_P(BandPass, PaddedFormsFilterTheMirrorPaddedImage) {
   EXPECT_TRUE(same_bits(s_pad, s_ref));
 
   // Out of place, and the staged forms, give the same bits.
-  float* d_in = to_dev(img);
-  float* d_out = d_alloc_float(img.size());
+  Dev d;
+  float *d_in = d.put(img), *d_out = d.f(img.size());
   hcuda_2d_bandpass_guas_mpad(d_in, d_out, n, 2.0f, 10.0f, 60.0f);
   EXPECT_TRUE(same_bits(from_dev(d_out, img.size()), g_pad));
   EXPECT_TRUE(same_bits(from_dev(d_in, img.size()), img));
-  device_free(d_in);
-  device_free(d_out);
   std::vector<float> staged(img.size());
   gpu_2d_bandpass_guas_mpad(img.data(), staged.data(), n, 2.0f, 10.0f, 60.0f);
   EXPECT_TRUE(same_bits(staged, g_pad));

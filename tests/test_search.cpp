@@ -11,6 +11,7 @@
 #include "backend_fixture.h"
 #include "device/cuda_general.h"
 #include "picking/zavik56_search.h"
+#include "test_util.h"
 
 namespace {
 
@@ -26,12 +27,10 @@ struct SearchOut {
 SearchOut search(const std::vector<float>& mic, const std::vector<float>& mask, int n, const std::vector<float>& T,
                  int Tx, int Ty, float R, float step, float end = 359.0f) {
   const size_t nn = (size_t)n * n;
-  float *d_mic = to_dev(mic), *d_mask = to_dev(mask), *d_T = to_dev(T);
-  float *d_cc = d_alloc_float(nn), *d_psi = d_alloc_float(nn);
-  zavik_ccmax_psi_by_one_template(d_mic, d_mask, d_cc, d_psi, 1, n, n, d_T, Tx, Ty, R, 0.0f, end, step);
-  SearchOut o = {from_dev(d_cc, nn), from_dev(d_psi, nn)};
-  for (float* p : {d_mic, d_mask, d_cc, d_psi, d_T}) device_free(p);
-  return o;
+  Dev d;
+  float *d_cc = d.f(nn), *d_psi = d.f(nn);
+  zavik_ccmax_psi_by_one_template(d.put(mic), d.put(mask), d_cc, d_psi, 1, n, n, d.put(T), Tx, Ty, R, 0.0f, end, step);
+  return {from_dev(d_cc, nn), from_dev(d_psi, nn)};
 }
 
 // A template of n x n samples of the shape, centred on (c, c).
@@ -101,10 +100,8 @@ TEST_P(Search, RecoversTheAngleOfARotatedCopy) {
       const double dx = x - cx, dy = y - cy;
       mic[y * n + x] = (float)shape(dx * cos(th) + dy * sin(th), dy * cos(th) - dx * sin(th));
     }
-  testing::internal::CaptureStdout();
-  SearchOut o = search(mic, mask, n, T, Tn, Tn, 10.0f, 10.0f);
-  const std::string dots = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(dots, std::string(36, '.') + "\n");  // 0, 10, ..., 350
+  SearchOut o;
+  EXPECT_EQ(zk_stdout([&] { o = search(mic, mask, n, T, Tn, Tn, 10.0f, 10.0f); }), std::string(36, '.') + "\n");
   const size_t best = argmax(o.cc);
   EXPECT_EQ(best, (size_t)(45 * n + 50));
   EXPECT_EQ(o.psi[best], 30.0f);
@@ -112,24 +109,16 @@ TEST_P(Search, RecoversTheAngleOfARotatedCopy) {
 
 TEST_P(Search, UpdateKeepsTheEarlierAngleAtEqualScoresAndIgnoresNaN) {
   const int n = 3;
-  float* d_max = to_dev(std::vector<float>{1, 2, 3, 4, 5, 6, 7, 8, 9});
-  float* d_cc = to_dev(std::vector<float>{1, 3, 2, NAN, 6, 6, 6, 6, 6});
-  float* d_psi = to_dev(std::vector<float>(9, 5.0f));
+  Dev d;
+  float* d_max = d.put(std::vector<float>{1, 2, 3, 4, 5, 6, 7, 8, 9});
+  float* d_cc = d.put(std::vector<float>{1, 3, 2, NAN, 6, 6, 6, 6, 6});
+  float* d_psi = d.put(std::vector<float>(9, 5.0f));
   hcuda_update_ccmax_psi_2d(d_max, d_cc, d_psi, 10.0f, n, n);
   EXPECT_EQ(from_dev(d_max, 9), (std::vector<float>{1, 3, 3, 4, 6, 6, 7, 8, 9}));
   EXPECT_EQ(from_dev(d_psi, 9), (std::vector<float>{5, 10, 5, 5, 10, 5, 5, 5, 5}));
-  for (float* q : {d_max, d_cc, d_psi}) device_free(q);
 }
 
 ZK_BACKEND_SUITE(Search);
-
-TEST(SearchDivisor, AreaInDoubleThenSingleProducts) {
-  // R = 48.507 at the defaults: area pi R^2 in double, then float products.
-  const float R = 48.507f;
-  const float area = (float)((double)R * 3.141592653589793 * (double)R);
-  EXPECT_EQ(zavik_score_divisor(2.0f, 3.0f, 4.0f, R), sqrtf(2.0f * 3.0f * area / 4.0f));
-  EXPECT_NEAR(zavik_score_divisor(1.0f, 1.0f, 1.0f, 1.0f), sqrt(M_PI), 1e-6);
-}
 
 // The whole-run search gives the one-template search's bits, whatever its
 // shortcuts: kept spectra or not, one or several host threads, GPU batches.
@@ -147,8 +136,8 @@ TEST_P(Search, RunSearchEqualsTheOneTemplateSearchBitForBit) {
       for (int x = 0; x < Tx; ++x) T[(t * Ty + y) * Tx + x] = (float)shape(x - 8.0 + t, y - 8.0) + 0.05f * rnd();
   for (int i = 0; i < n * 10; ++i) mask[i] = 0.0f;
   const size_t nn = (size_t)n * n;
-  float *d_mic = to_dev(mic), *d_mask = to_dev(mask), *d_T = to_dev(T);
-  float *d_cc = d_alloc_float(nn), *d_psi = d_alloc_float(nn);
+  Dev d;
+  float *d_mic = d.put(mic), *d_mask = d.put(mask), *d_T = d.put(T), *d_cc = d.f(nn), *d_psi = d.f(nn);
   const float R = 7.3f, step = 7.0f;
   std::vector<std::vector<float>> ref_cc(Nt, std::vector<float>(nn)), ref_psi = ref_cc;
   testing::internal::CaptureStdout();
@@ -181,5 +170,4 @@ TEST_P(Search, RunSearchEqualsTheOneTemplateSearchBitForBit) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), ref_dots);
     zavik_search_bank_destroy(bank);
   }
-  for (float* p : {d_mic, d_mask, d_T, d_cc, d_psi}) device_free(p);
 }

@@ -33,9 +33,9 @@ TEST_P(SharedSpectrum, EveryConsumerMatchesItsOwnTransformBitForBit) {
   const int n = 96;
   const size_t nn = (size_t)n * n, nhalf = (size_t)(n + 1) * 2 * n;
   const std::vector<float> img = test_image(n);
-  float* d_img = to_dev(img);
-  float* d_out = to_dev(std::vector<float>(nn));
-  float2* d_f = to_dev(std::vector<float2>(nhalf));
+  Dev d;
+  float *d_img = d.put(img), *d_out = d.f(nn);
+  float2* d_f = d.c(nhalf);
   hcuda_2d_mpad_fft_r2c(d_f, d_img, n, n);
   const std::vector<float2> f0 = from_dev(d_f, nhalf);
 
@@ -59,10 +59,6 @@ TEST_P(SharedSpectrum, EveryConsumerMatchesItsOwnTransformBitForBit) {
   const std::vector<float> band_own = from_dev(d_out, nn);
   hcuda_2d_bandpass_guas_mpad_f(d_f, d_img, n, 2.0f, 10.0f, 60.0f);  // in place, as the stage does
   EXPECT_TRUE(same_bits(band_own, from_dev(d_img, nn)));
-
-  device_free(d_f);
-  device_free(d_out);
-  device_free(d_img);
 }
 
 ZK_BACKEND_SUITE(SharedSpectrum);

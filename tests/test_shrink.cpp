@@ -97,10 +97,10 @@ TEST(Shrink, BlockMeansOfEveryForm) {
 
 TEST(Shrink, WrongFactorReportsAndWritesNothing) {
   std::vector<float> a(16, 1.0f), out(16, -3.0f);
-  testing::internal::CaptureStdout();
-  cpu_2d_meanshrink_extended_even_square(out.data(), a.data(), 4, 4, 0);
-  cpu_2d_meanshrink(out.data(), a.data(), 4, 4, -1);
-  std::string text = testing::internal::GetCapturedStdout();
+  const std::string text = zk_stdout([&] {
+    cpu_2d_meanshrink_extended_even_square(out.data(), a.data(), 4, 4, 0);
+    cpu_2d_meanshrink(out.data(), a.data(), 4, 4, -1);
+  });
   EXPECT_NE(text.find("on line"), std::string::npos);
   EXPECT_NE(text.find(": Wrong value of shrink_factor. Must be >=1!\n"), std::string::npos);
   EXPECT_EQ(text.find("Exit now"), std::string::npos);
@@ -141,12 +141,10 @@ TEST_P(ShrinkDevice, DeviceMeansEqualHostMeans) {
   std::vector<float> a(nx * ny), ref(33 * 22);
   for (int i = 0; i < nx * ny; ++i) a[i] = sinf(0.37f * i);
   cpu_2d_meanshrink(ref.data(), a.data(), nx, ny, s);
-  float* d_a = to_dev(a);
-  float* d_o = d_alloc_float(ref.size());
-  hcuda_2d_meanshrink(d_a, d_o, nx, ny, s);
+  Dev d;
+  float* d_o = d.f(ref.size());
+  hcuda_2d_meanshrink(d.put(a), d_o, nx, ny, s);
   EXPECT_EQ(from_dev(d_o, ref.size()), ref);
-  device_free(d_a);
-  device_free(d_o);
 }
 
 ZK_BACKEND_SUITE(ShrinkDevice);

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstring>
@@ -13,13 +14,7 @@
 
 namespace {
 
-std::vector<float> noise(size_t n, unsigned seed) {
-  std::mt19937 g(seed);
-  std::uniform_real_distribution<float> u(-1.0f, 2.0f);
-  std::vector<float> v(n);
-  for (float& x : v) x = u(g);
-  return v;
-}
+std::vector<float> noise(size_t n, unsigned seed) { return zk_uniform(n, seed, -1.0f, 2.0f); }
 
 // The host soft disc in double: 1 up to r, exp(-(d - r)^2/(2(w/3)^2)) to r + w.
 double host_disc(double d2, double r, double w) {
@@ -35,31 +30,19 @@ TEST(Templates, GeneratedDiscValues) {
   int Tx = -1, Ty = -1, Nt = -1;
   // T_radius 10.6 with a core of 0.2: a box of 40, core radius 2.12, edge 8.48.
   float* T = create_template_data(Tx, Ty, Nt, 10.6f, 0.2f);
-  ASSERT_EQ(Tx, 40);
-  ASSERT_EQ(Ty, 40);
-  ASSERT_EQ(Nt, 1);
-  auto at = [&](int x, int y) { return T[y * 40 + x]; };
-  // By hand: the core, mid-edge (d 5.52: exp(-3.4^2 / (2 * 2.827^2)) = 0.49) and beyond T_radius.
-  EXPECT_EQ(at(20, 21), 1.0f);
-  EXPECT_NEAR(at(19, 25), 0.49, 0.01);
-  EXPECT_EQ(at(19, 31), 0.0f);
-  EXPECT_GT(at(19, 29), 0.0f);  // d2 90.5: near the end of the edge
+  ASSERT_EQ(std::vector<int>({Tx, Ty, Nt}), std::vector<int>({40, 40, 1}));
   for (int y = 0; y < 40; ++y)
     for (int x = 0; x < 40; ++x) {
       const double d2 = (x - 19.5) * (x - 19.5) + (y - 19.5) * (y - 19.5);
-      ASSERT_NEAR(at(x, y), host_disc(d2, 2.12, 8.48), 1e-6) << x << "," << y;
+      ASSERT_NEAR(T[y * 40 + x], host_disc(d2, 2.12, 8.48), 1e-6) << x << "," << y;
     }
   destroy_template_data(T);
 
   // Defaults: T_radius 48.507 gives 192 pixels.
-  for (const char* name : {"NULL", "none", "NoNe"}) {
-    T = get_or_create_template_data(Tx, Ty, Nt, name, 48.507f, 1.34f, 1.34f, 4, 0.05f);
-    EXPECT_EQ(Tx, 192) << name;
-    EXPECT_EQ(Ty, 192);
-    EXPECT_EQ(Nt, 1);
-    EXPECT_EQ(T[96 * 192 + 96], 1.0f);
-    destroy_template_data(T);
-  }
+  T = get_or_create_template_data(Tx, Ty, Nt, "NoNe", 48.507f, 1.34f, 1.34f, 4, 0.05f);
+  EXPECT_EQ(std::vector<int>({Tx, Ty, Nt}), std::vector<int>({192, 192, 1}));
+  EXPECT_EQ(T[96 * 192 + 96], 1.0f);
+  destroy_template_data(T);
 }
 
 TEST(Templates, FileSizesAfterScalingAndShrinking) {
@@ -76,9 +59,7 @@ TEST(Templates, FileSizesAfterScalingAndShrinking) {
 
   int Tx, Ty, Nt;
   float* T = get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 1.5f, 1.5f, 6, 0.05f);
-  ASSERT_EQ(Tx, 16);
-  ASSERT_EQ(Ty, 16);
-  ASSERT_EQ(Nt, 3);
+  ASSERT_EQ(std::vector<int>({Tx, Ty, Nt}), std::vector<int>({16, 16, 3}));
   for (int k = 0; k < nz; ++k)
     for (int y = 0; y < 16; ++y)
       for (int x = 0; x < 16; ++x) {
@@ -87,12 +68,6 @@ TEST(Templates, FileSizesAfterScalingAndShrinking) {
           for (int i = 0; i < 6; ++i) s += stack[((size_t)k * n + y * 6 + j) * n + x * 6 + i];
         ASSERT_NEAR(T[((size_t)k * 16 + y) * 16 + x], s / 36.0, 1e-5);
       }
-  destroy_template_data(T);
-
-  // Equal pixel sizes and no shrink: the samples as they are in the file.
-  T = get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 1.5f, 1.5f, 1, 0.05f);
-  ASSERT_EQ(Tx, n);
-  EXPECT_EQ(memcmp(T, stack.data(), stack.size() * sizeof(float)), 0);
   destroy_template_data(T);
 }
 
@@ -116,16 +91,13 @@ TEST_P(TemplateScaling, ScalingUpThenShrinking) {
 
   int Tx, Ty, Nt;
   float* T = get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 2.0f, 1.0f, 1, 0.05f);
-  ASSERT_EQ(Tx, 60);
-  ASSERT_EQ(Ty, 40);
-  ASSERT_EQ(Nt, 1);
+  ASSERT_EQ(std::vector<int>({Tx, Ty, Nt}), std::vector<int>({60, 40, 1}));
   for (int y = 0; y < 40; ++y)
     for (int x = 0; x < 60; ++x) ASSERT_NEAR(T[y * 60 + x], scaled(x, y), 1e-4) << x << "," << y;
   destroy_template_data(T);
 
   T = get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 2.0f, 1.0f, 4, 0.05f);
-  ASSERT_EQ(Tx, 15);
-  ASSERT_EQ(Ty, 10);
+  ASSERT_EQ(std::make_pair(Tx, Ty), std::make_pair(15, 10));
   for (int y = 0; y < 10; ++y)
     for (int x = 0; x < 15; ++x) {
       double s = 0.0;
@@ -137,8 +109,7 @@ TEST_P(TemplateScaling, ScalingUpThenShrinking) {
 
   // A ratio just below 1 resamples: the box shrinks by a pixel.
   T = get_or_create_template_data(Tx, Ty, Nt, f.c_str(), 10.0f, 0.99f, 1.0f, 1, 0.05f);
-  EXPECT_EQ(Tx, 29);
-  EXPECT_EQ(Ty, 19);
+  EXPECT_EQ(std::make_pair(Tx, Ty), std::make_pair(29, 19));
   destroy_template_data(T);
 }
 
@@ -166,6 +137,19 @@ TEST(Templates, UnusableFilesOrPixelSizesEndTheRun) {
   EXPECT_FAILS("Template file " + e + " has no usable size or mode in its head: Nx 4, Ny 3, Nz 0, mode 2.\nError in function "
       "get_template_data\\(\\), file zavik56_templates.cpp on line [0-9]+: unusable template file! Exit now!",
                get_template_data(Tx, Ty, Nt, e.c_str()););
+  // A stack shorter than its head promises is refused before the stack is
+  // allocated, however large the head's sizes.
+  mrcf_write_xyz_data(f.c_str(), one.data(), 4, 4, 1);
+  ASSERT_EQ(truncate(f.c_str(), 1024 + 60), 0);
+  EXPECT_FAILS("Template file " + f + " is shorter than its head promises: 1084 bytes, at least 1088 needed.\n"
+               "Error in function get_template_data.*unusable template file! Exit now!",
+               get_template_data(Tx, Ty, Nt, f.c_str()));
+  mrc_set_head_xyz_mode(&head, 8000, 8000, 4, MRC_MODE_FLOAT);
+  fp = fopen(e.c_str(), "wb");
+  mrc_write_head(fp, &head);
+  fclose(fp);
+  EXPECT_FAILS("Template file " + e + " is shorter than its head promises: 1024 bytes, at least 1024001024 needed",
+               get_template_data(Tx, Ty, Nt, e.c_str()));
 }
 
 TEST(Templates, NormalisationTypes) {
@@ -180,12 +164,7 @@ TEST(Templates, NormalisationTypes) {
   double mean = 0.0;
   for (float v : orig) mean += v;
   mean /= orig.size();
-  double sum = 0.0;
-  for (size_t i = 0; i < t.size(); ++i) {
-    EXPECT_NEAR(t[i], orig[i] - mean, 1e-6);
-    sum += t[i];
-  }
-  EXPECT_NEAR(sum, 0.0, 1e-4);
+  for (size_t i = 0; i < t.size(); ++i) EXPECT_NEAR(t[i], orig[i] - mean, 1e-6);
 
   // 2: zero outside the disc, then the sum over the whole box divided by the
   // whole box subtracted everywhere.
@@ -196,16 +175,12 @@ TEST(Templates, NormalisationTypes) {
     for (int x = 0; x < nx; ++x)
       if ((x - cx) * (x - cx) + (y - cy) * (y - cy) <= R * R) in_sum += orig[(size_t)y * nx + x];
   const double sub = in_sum / (nx * ny);
-  sum = 0.0;
   for (int y = 0; y < ny; ++y)
     for (int x = 0; x < nx; ++x) {
       const bool inside = (x - cx) * (x - cx) + (y - cy) * (y - cy) <= R * R;
       const double want = (inside ? orig[(size_t)y * nx + x] : 0.0) - sub;
       EXPECT_NEAR(t[(size_t)y * nx + x], want, 1e-6) << x << "," << y;
-      sum += t[(size_t)y * nx + x];
     }
-  EXPECT_NEAR(sum, 0.0, 1e-4);
-  EXPECT_EQ(t[0], t[nx - 1]);  // the outside holds one constant
 
   // 3: mean 0 and deviation 1 under the host mask of flat radius 0.95 R and
   // edge 0.05 R, then multiplied by it.

@@ -4,7 +4,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <random>
 #include <string>
+#include <vector>
 
 // A fresh directory under /tmp, removed when the object goes.
 struct ZkTmpDir {
@@ -21,6 +23,31 @@ struct ZkTmpDir {
 };
 
 inline bool zk_exists(const std::string& p) { return access(p.c_str(), F_OK) == 0; }
+inline bool zk_has(const std::string& s, const std::string& part) { return s.find(part) != std::string::npos; }
+
+// Writes text (any bytes) to p, replacing what stood there.
+inline void zk_put(const std::string& p, const std::string& text) {
+  FILE* f = fopen(p.c_str(), "wb");
+  if (!f) return;
+  fwrite(text.data(), 1, text.size(), f);
+  fclose(f);
+}
+
+// n values uniform in [lo, hi), or normal, from a fixed seed.
+inline std::vector<float> zk_uniform(size_t n, unsigned seed, float lo = -1.0f, float hi = 1.0f) {
+  std::mt19937 g(seed);
+  std::uniform_real_distribution<float> u(lo, hi);
+  std::vector<float> v(n);
+  for (float& x : v) x = u(g);
+  return v;
+}
+inline std::vector<float> zk_normal(size_t n, unsigned seed, float mean = 0.0f, float sd = 1.0f) {
+  std::mt19937 g(seed);
+  std::normal_distribution<float> u(mean, sd);
+  std::vector<float> v(n);
+  for (float& x : v) x = u(g);
+  return v;
+}
 
 inline std::string zk_slurp(const std::string& p) {
   std::string s;
@@ -77,6 +104,15 @@ ZkOutcome zk_outcome(F&& f) {
   }
   r.text = testing::internal::GetCapturedStdout() + r.text;
   return r;
+}
+
+// What f printed on standard output.
+template <class F>
+std::string zk_stdout(F&& f) {
+  fflush(stdout);
+  testing::internal::CaptureStdout();
+  f();
+  return testing::internal::GetCapturedStdout();
 }
 
 // A POSIX extended regex found somewhere in text, as death tests match.

@@ -21,8 +21,7 @@ std::string zk_error_text(const ZkError& e) {
     case ZkError::DEVICE:
       return e.before() +
              zk_format("Error %s at line %d in file %s\n", e.message().c_str(), e.line(), e.file().c_str());
-    case ZkError::PLAIN:
-      break;
+    case ZkError::PLAIN: break;
   }
   return e.before();
 }
@@ -80,7 +79,7 @@ FILE* zk_fopen_read(const char* name, const char* mode, const char* func, const 
 FILE* zk_fopen_write(const char* name, const char* mode, const char* func, const char* file, int line) {
   FILE* fp = fopen(name, mode);
   if (!fp)
-    zk_fatal_after(zk_format("Cannot write to file %s. Permission denied or no space left!\n", name), func, file,
-                   line, "open file failed.");
+    zk_fatal_after(zk_format("Cannot write to file %s. Permission denied or no space left!\n", name), func, file, line,
+                   "open file failed.");
   return fp;
 }

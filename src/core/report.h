@@ -24,8 +24,7 @@ class ZkError : public std::exception {
     PLAIN,   // the lines before alone
   };
   // before: lines printed ahead of the report, each with its line feed.
-  ZkError(Form form, std::string before, const char* func, const char* file, int line, std::string msg,
-          int status = 1);
+  ZkError(Form form, std::string before, const char* func, const char* file, int line, std::string msg, int status = 1);
   const char* what() const noexcept override { return msg_.c_str(); }
 
   Form form() const { return form_; }

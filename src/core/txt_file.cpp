@@ -1,7 +1,9 @@
 #include "core/txt_file.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include "core/report.h"
@@ -88,6 +90,11 @@ int check_file_access(const char* name, const char* modes) {
   return 0;
 }
 
+bool zk_is_other_than_regular(const char* name) {
+  struct stat st;
+  return stat(name, &st) == 0 && !S_ISREG(st.st_mode);
+}
+
 int is_file_zavik_done(const char* name) { return (access(name, F_OK) == 0 && access(name, R_OK) == 0) ? 1 : 0; }
 
 int check_access_openf_1st(char** files, int n_files, char* first_mic, FILE*& stream) {
@@ -103,6 +110,15 @@ int check_access_openf_1st(char** files, int n_files, char* first_mic, FILE*& st
     if (access(mic, R_OK) != 0) {
       printf("\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the micrograph %s are NOT "
              "readable! Automatically ignored!\x1b[m\n\n",
+             __func__, zk_basename(__FILE__), __LINE__, mic);
+      continue;
+    }
+    // A directory or a pipe would pass the tests above, and a pipe would keep
+    // the run waiting at the open.
+    struct stat st;
+    if (stat(mic, &st) == 0 && !S_ISREG(st.st_mode)) {
+      printf("\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the micrograph %s is NOT a "
+             "regular file! Automatically ignored!\x1b[m\n\n",
              __func__, zk_basename(__FILE__), __LINE__, mic);
       continue;
     }
@@ -129,4 +145,22 @@ long zk_read_text_line(char* line, FILE* stream) {
     if (c == '\n') break;
   }
   return taken;
+}
+
+ZkMemText::ZkMemText() {
+  fp_ = open_memstream(&buf_, &len_);
+  if (!fp_) ZK_FATAL("memory allocation failed");
+}
+
+ZkMemText::~ZkMemText() {
+  if (fp_) fclose(fp_);
+  free(buf_);
+}
+
+void ZkMemText::finish() {
+  if (!fp_) return;
+  const bool ok = fflush(fp_) == 0 && !ferror(fp_);
+  fclose(fp_);
+  fp_ = nullptr;
+  if (!ok) ZK_FATAL("memory allocation failed");
 }

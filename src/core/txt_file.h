@@ -18,9 +18,13 @@ int f_Nfind_str_line(const char* name, const char* text, int max);
 int check_file_access(const char* name, const char* modes);
 // 1 when the file exists and is readable, whatever its size.
 int is_file_zavik_done(const char* name);
-// Finds the first micrograph of files that exists and is readable, opens it
-// into stream and copies its name to first_mic.  Returns 0; stream is null
-// when no name was usable.
+// True when name exists but is no regular file (a directory, a pipe, a
+// device): such a name is refused before it is opened, so that a pipe never
+// blocks a run.
+bool zk_is_other_than_regular(const char* name);
+// Finds the first micrograph of files that exists, is readable and is a
+// regular file, opens it into stream and copies its name to first_mic.
+// Returns 0; stream is null when no name was usable.
 int check_access_openf_1st(char** files, int n_files, char* first_mic, FILE*& stream);
 // Reads one line of a text file into line (1024 bytes, cleared first).  At
 // most 1023 characters are kept; the rest of a longer line, up to and with
@@ -29,3 +33,25 @@ int check_access_openf_1st(char** files, int n_files, char* first_mic, FILE*& st
 // of its own.  Returns the number of bytes taken from the stream, 0 at the
 // end of the file.
 long zk_read_text_line(char* line, FILE* stream);
+
+// Text written through a stream into memory (open_memstream): a second
+// reader of what a writer of lines produces, without a file in between.
+class ZkMemText {
+ public:
+  // Throws the fatal report when no stream can be made.
+  ZkMemText();
+  ~ZkMemText();
+  ZkMemText(const ZkMemText&) = delete;
+  ZkMemText& operator=(const ZkMemText&) = delete;
+
+  FILE* fp() const { return fp_; }
+  // Ends the writing; from then on data() and size() hold the text.
+  void finish();
+  const char* data() const { return buf_; }
+  size_t size() const { return len_; }
+
+ private:
+  FILE* fp_ = nullptr;
+  char* buf_ = nullptr;
+  size_t len_ = 0;
+};

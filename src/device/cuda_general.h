@@ -76,7 +76,9 @@ void gpu_report_memory();
 
 // Launch geometry of the two rules.
 inline dim3 zk_grid_1d(size_t n) { return dim3((unsigned int)((n + 1023) >> 10), 1, 1); }
-inline dim3 zk_grid_2d(int nx, int ny) { return dim3((unsigned int)((nx + 31) / 32), (unsigned int)((ny + 31) / 32), 1); }
+inline dim3 zk_grid_2d(int nx, int ny) {
+  return dim3((unsigned int)((nx + 31) / 32), (unsigned int)((ny + 31) / 32), 1);
+}
 
 // Waits for the device and throws the device report ("Error %s at line %d in
 // file %s") if the work so far failed.  Nothing to wait for on the host.

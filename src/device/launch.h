@@ -1,5 +1,5 @@
 // The launch layer.  A kernel is written once as a per-element body (a lambda
-// marked HD); launch_1d and launch_2d run it as <<<grid, block>>> on the GPU,
+// marked HD); launch_1d, launch_2d and launch_3d run it as <<<grid, block>>> on the GPU,
 // or on the host as an OpenMP loop over the same elements.  Every launch is
 // waited for and checked, so a wrapper's result is complete when it returns.
 #pragma once
@@ -28,6 +28,14 @@ __global__ void zk_kernel_2d(F f, int nx, int ny) {
   int y = blockIdx.y * 32 + threadIdx.y;
   if (x >= nx || y >= ny) return;
   f(x, y);
+}
+template <class F>
+__global__ void zk_kernel_3d(F f, int nx, int ny, int nz) {
+  int x = blockIdx.x * 16 + threadIdx.x;
+  int y = blockIdx.y * 16 + threadIdx.y;
+  int z = blockIdx.z * 4 + threadIdx.z;
+  if (x >= nx || y >= ny || z >= nz) return;
+  f(x, y, z);
 }
 #endif
 
@@ -75,6 +83,27 @@ void zk_launch_2d(int nx, int ny, F f, const char* file, int line, bool heavy = 
     for (int x = 0; x < nx; ++x) f(x, y);
 }
 
+// One thread per (x, y, z) of a volume, blocks of 16 x 16 x 4.
+template <class F>
+void zk_launch_3d(int nx, int ny, int nz, F f, const char* file, int line) {
+  if (nx <= 0 || ny <= 0 || nz <= 0) return;
+#if defined(__CUDACC__)
+  if (zk_on_gpu()) {
+    const dim3 grid((unsigned int)((nx + 15) / 16), (unsigned int)((ny + 15) / 16), (unsigned int)((nz + 3) / 4));
+    zk_kernel_3d<<<grid, dim3(16, 16, 4)>>>(f, nx, ny, nz);
+    zk_sync_check(file, line);
+    return;
+  }
+#endif
+  (void)file;
+  (void)line;
+  const long long planes = (long long)ny * nz;
+#pragma omp parallel for schedule(static) if ((long long)nx * planes >= ZK_OMP_MIN)
+  for (long long p = 0; p < planes; ++p)
+    for (int x = 0; x < nx; ++x) f(x, (int)(p % ny), (int)(p / ny));
+}
+
 #define launch_1d(n, ...) zk_launch_1d((n), __VA_ARGS__, zk_basename(__FILE__), __LINE__)
 #define launch_2d(nx, ny, ...) zk_launch_2d((nx), (ny), __VA_ARGS__, zk_basename(__FILE__), __LINE__)
+#define launch_3d(nx, ny, nz, ...) zk_launch_3d((nx), (ny), (nz), __VA_ARGS__, zk_basename(__FILE__), __LINE__)
 #define launch_2d_heavy(nx, ny, ...) zk_launch_2d((nx), (ny), __VA_ARGS__, zk_basename(__FILE__), __LINE__, true)

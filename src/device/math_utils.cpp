@@ -80,6 +80,24 @@ __global__ void cuda_reduce_data_for_sum6(L load, float* out, unsigned int n) {
   }
   if (t == 0) out[blockIdx.x] = slot[0];
 }
+
+// The sum7 order: each thread first adds pairs (i, i + 1024) over a grid
+// stride of 2048 times the blocks, then the halving tree.
+template <class L>
+__global__ void cuda_reduce_data_for_sum7(L load, float* out, unsigned int n) {
+  extern __shared__ float slot[];
+  unsigned int t = threadIdx.x;
+  const size_t stride = (size_t)gridDim.x * 2048u;
+  float v = 0.0f;
+  for (size_t i = (size_t)blockIdx.x * 2048u + t; i < n; i += stride)
+    v = v + (load((unsigned int)i) + (i + 1024u < n ? load((unsigned int)(i + 1024u)) : 0.0f));
+  slot[t] = v;
+  for (unsigned int s = 512u; s >= 1u; s >>= 1) {
+    __syncthreads();
+    cuda_reduce_step6(slot, t, s);
+  }
+  if (t == 0) out[blockIdx.x] = slot[0];
+}
 #endif
 
 // One pass over n values into (n + 1023) >> 10 block results.  out must not
@@ -133,6 +151,31 @@ void zk_reduce_pass6(L load, float* out, size_t n) {
       float v0 = i < n ? load((unsigned int)i) : 0.0f;
       float v1 = i + 1024 < n ? load((unsigned int)(i + 1024)) : 0.0f;
       slot[t] = v0 + v1;
+    }
+    for (unsigned int s = 512u; s >= 1u; s >>= 1)
+      for (unsigned int t = 0; t < s; ++t) cuda_reduce_step6(slot, t, s);
+    out[b] = slot[0];
+  }
+}
+
+// One sum7 pass of nb blocks over n values into out[0 .. nb).
+static void zk_reduce_pass7(const float* a, float* out, size_t n, unsigned int nb) {
+#if defined(__CUDACC__)
+  if (zk_on_gpu()) {
+    cuda_reduce_data_for_sum7<<<dim3(nb, 1, 1), dim3(1024, 1, 1), 4096>>>(ZkLoad{a}, out, (unsigned int)n);
+    zk_sync_check(zk_basename(__FILE__), __LINE__);
+    return;
+  }
+#endif
+  const size_t stride = (size_t)nb * 2048u;
+  const long long nbl = nb;
+#pragma omp parallel for schedule(static) if ((long long)n >= ZK_OMP_MIN)
+  for (long long b = 0; b < nbl; ++b) {
+    float slot[1024];
+    for (unsigned int t = 0; t < 1024u; ++t) {
+      float v = 0.0f;
+      for (size_t i = (size_t)b * 2048u + t; i < n; i += stride) v = v + (a[i] + (i + 1024u < n ? a[i + 1024u] : 0.0f));
+      slot[t] = v;
     }
     for (unsigned int s = 512u; s >= 1u; s >>= 1)
       for (unsigned int t = 0; t < s; ++t) cuda_reduce_step6(slot, t, s);
@@ -252,6 +295,20 @@ float hcuda_stdv_withmask(const float* a, const float* m, size_t n) {
 }
 float hcuda_fast_sum6(const float* a, size_t n) { return zk_tree_sum6(ZkLoad{a}, n, nullptr); }
 float hcuda_fast_sum6_inplace(float* a, size_t n) { return zk_tree_sum6(ZkLoad{a}, n, a); }
+
+float hcuda_reduce_data_for_sum7(const float* a, size_t n) {
+  if (n == 0) return 0.0f;
+  // A fixed grid, whatever the device: the order of the sum is part of it.
+  const size_t want = (n + 2047) >> 11;
+  const unsigned int nb = (unsigned int)(want < kSum7Blocks ? want : kSum7Blocks);
+  float* work = d_alloc_float((size_t)nb + 1);
+  zk_reduce_pass7(a, work, n, nb);
+  if (nb > 1) zk_reduce_pass7(work, work + nb, nb, 1);
+  float r = 0.0f;
+  ZK_CHECK(memcpy_D2H(&r, nb > 1 ? work + nb : work, sizeof(float)));
+  device_free(work);
+  return r;
+}
 
 // ===========================================================================
 // Normalisations

@@ -336,6 +336,11 @@ float hcuda_stdv_withmask(const float* a, const float* m, size_t n);
 // nothing depends on it.
 float hcuda_fast_sum6(const float* a, size_t n);
 float hcuda_fast_sum6_inplace(float* a, size_t n);
+// A third order: kSum7Blocks blocks at most (fewer for n below 2048 times as
+// many), each thread adding pairs 1024 apart over a grid stride first, then
+// the halving tree, and one more block over the block results.  Keeps a.
+constexpr unsigned int kSum7Blocks = 64;
+float hcuda_reduce_data_for_sum7(const float* a, size_t n);
 
 // Normalisations: sigma first, mean second.
 void hcuda_normz_inplace(float* a, size_t n, float sigma, float mean);

@@ -37,7 +37,8 @@ void free_disc(ZkDisc& d) {
 const ZkDisc& get_disc(int px, int py, float R, float s) {
   const ZkBackend backend = zk_backend();
   for (const ZkDisc& d : g_discs)
-    if (d.used && d.M.backend() == backend && d.px == px && d.py == py && same_float(d.R, R) && same_float(d.s, s)) return d;
+    if (d.used && d.M.backend() == backend && d.px == px && d.py == py && same_float(d.R, R) && same_float(d.s, s))
+      return d;
 
   ZkDisc& d = g_discs[g_next_slot];
   g_next_slot = (g_next_slot + 1) % kDiscSlots;

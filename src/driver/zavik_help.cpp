@@ -95,7 +95,8 @@ void zavik_help(const char* prog) {
   help_row("--min_dist", "300", "Minimum distance between particles in Å; 0.9 to 1.1 times the diameter, "
            "0.3 to 0.5 times for filament-like particles");
   help_row("--cc_cutoff", "0.1", "Cutoff of the cross-correlation score, normally 0.2 to 0.4; or a small "
-           "value such as 0.1 first and filter the box files afterwards");
+           "value such as 0.1 first and filter the box files afterwards; 'auto' chooses it for each micrograph "
+           "from its own scores, so that noise peaks stay a small share of the picks");
   help_row("--lsigma_D", "200", "Diameter of the area for the local sigma, in Å");
   help_row("--lsigma_cutoff", "1.3", "Cutoff of the local sigma relative to the global sigma, normally 1.2 to 1.5; "
            "above it an area is ice, aggregation or carbon");
@@ -112,6 +113,8 @@ void zavik_help(const char* prog) {
   help_row("--detect_ice", "", "Detect ice, aggregation and carbon by local statistics; '--detect_ice 0' turns it off");
   help_row("--T_norm_type", "1", "Normalisation of the templates: 1, 2 or 3");
   help_row("--do_bandpass", "", "Band-pass the micrograph after ice detection; '--do_bandpass 0' skips it");
+  help_row("--fill_rejected", "", "Fill the rejected areas (ice, contamination, carbon) with the surrounding "
+           "background before the band-pass, so that no halo, trough or edge around them is picked");
 
   printf("CTF options(not effective in this verion): \n");
   help_row("--do_ctf", "", "Determine the CTF of each micrograph");

@@ -25,8 +25,6 @@
 
 // The driver reports in the name of main, the program's one entry.
 #define MAIN_FATAL(msg) zk_fatal("main", zk_basename(__FILE__), __LINE__, (msg))
-#define MAIN_FOPEN_READ(name) zk_fopen_read((name), "r", "main", zk_basename(__FILE__), __LINE__)
-#define MAIN_FOPEN_WRITE(name) zk_fopen_write((name), "w+", "main", zk_basename(__FILE__), __LINE__)
 #define MAIN_FATAL_AFTER(before, msg) zk_fatal_after((before), "main", zk_basename(__FILE__), __LINE__, (msg))
 
 namespace {
@@ -56,10 +54,22 @@ struct ZkCacheGuard {
   }
 };
 
-// A micrograph that cannot be read as one ends the run before anything is
-// written for it; the vetting prints the reason.
-void vet_or_fail(const char* mic, FILE* fp, const MRC_HEAD* head) {
-  if (mrc_vet_micrograph(mic, fp, head) != 0) zk_fail_plain("");
+// A micrograph that is passed over: its reason, marked as the warnings about
+// unusable micrographs are, and the record for the closing banner.
+void pass_over(ZkRun* run, const std::string& why, const char* what_next) {
+  printf("\x1b[41m\x1b[1m\x1b[5m%s %s\x1b[m\n\n", why.c_str(), what_next);
+  run->failed.push_back(why);
+}
+
+// Why the picker cannot square a micrograph of nx by ny at this shrink, or "":
+// the short side is mirrored up to the long one, so the long side of the
+// even shrunk image must be less than twice the short one.
+std::string shape_problem(const char* mic, int nx, int ny, int shrink) {
+  const int sx = nx / (2 * shrink) * 2, sy = ny / (2 * shrink) * 2;
+  if (sx == sy || (sy < sx && sx < 2 * sy) || (sx < sy && sy < 2 * sx)) return "";
+  return zk_format("Micrograph %s is %d x %d pixels: the picker needs its longer side to be less than twice the "
+                   "shorter (%d x %d pixels after shrinking by %d).",
+                   mic, nx, ny, sx, sy, shrink);
 }
 
 bool same_size_and_mode(const MRC_HEAD* a, const MRC_HEAD* b) {
@@ -69,6 +79,7 @@ bool same_size_and_mode(const MRC_HEAD* a, const MRC_HEAD* b) {
 // All output names of one micrograph, beside it.
 void set_output_names(ZkRun* run, const char* mic) {
   const Zavik_Para* para = run->para;
+  strlcpy(run->mic_name, mic);
   set_outname_by_suffix(run->box_name, mic, "_zavik.box");
   if (para->exclusive_picking)
     set_outname_by_suffix(run->excluded_name, mic, para->excluded_suffix);
@@ -106,13 +117,14 @@ void prefetch_start(Prefetch& pf, const ZkRun* run, int index, const char* mic) 
   pf.busy = true;
   const MRC_HEAD first = run->head_first;
   pf.worker = std::thread([&pf, first, mic]() {
+    if (zk_is_other_than_regular(mic)) return;  // a pipe would block the open
     FILE* fp = fopen(mic, "rb");
     if (!fp) return;
     MRC_HEAD head;
     struct stat id;
     if (fstat(fileno(fp), &id) == 0 && mrc_read_head(fp, &head) == 0 && same_size_and_mode(&head, &first) &&
-        mrc_mode_readable(head.mode) &&
-        (long long)id.st_size >= 1024LL + (long long)head.nx * head.ny * mrc_mode_bytes(head.mode)) {
+        mrc_mode_readable(head.mode) && head.next >= 0 &&
+        (long long)id.st_size >= mrc_data_offset(&head) + (long long)head.nx * head.ny * mrc_mode_bytes(head.mode)) {
       mrc_read_slice(fp, &head, 0, 'z', pf.samples.data());
       pf.id = id;
       pf.ok = true;
@@ -150,30 +162,69 @@ bool read_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic, Prefetch&
   put_line('-', 129, "\n");
   set_output_names(run, mic);
 
-  if (para->do_unfinished && (is_file_zavik_done(run->box_name) || is_file_zavik_done(run->star_name))) {
-    printf("Micrograph %s has already been processed. Automatically skipped.\n", mic);
+  if (para->do_unfinished) {
+    // Done means every result the run writes is there: a box file without
+    // its .star (a run stopped between the two) is picked again.  Under
+    // --write_star 0 either file marks the micrograph as done.
+    const bool box = is_file_zavik_done(run->box_name), star = is_file_zavik_done(run->star_name);
+    if (para->write_star ? (box && star) : (box || star)) {
+      printf("Micrograph %s has already been processed. Automatically skipped.\n", mic);
+      zk_clock_close(clock, "READING", false);
+      return false;
+    }
+    if (box || star)
+      printf("Micrograph %s has %s but not %s: it is picked again.\n", mic, box ? run->box_name : run->star_name,
+             box ? run->star_name : run->box_name);
+  }
+
+  // A file that cannot be opened, a directory or a pipe (refused before it is
+  // opened, so that it cannot block the run), a file that is no micrograph
+  // at all (too short for a head, no size in it) and one that is shorter than
+  // its head promises are passed over with their reason: they get no results
+  // and the run goes on.  One of another size or mode ends the run at the
+  // size check, as the run's one geometry requires.
+  const char* going_on = "It gets no results; the run goes on.";
+  if (zk_is_other_than_regular(mic)) {
+    pass_over(run, zk_format("Micrograph %s is not a regular file (a directory, pipe or device).", mic), going_on);
+    zk_clock_close(clock, "READING", false);
+    return false;
+  }
+  run->fp_mic.reset(fopen(mic, "r"));
+  if (!run->fp_mic) {
+    pass_over(run, zk_format("Cannot open file %s. Permission denied or wrong file name.", mic), going_on);
+    zk_clock_close(clock, "READING", false);
+    return false;
+  }
+  FILE* fp = run->fp_mic.get();
+  mrc_read_head(fp, &run->head);
+  const std::string problem = mrc_micrograph_problem(mic, fp, &run->head);
+  struct stat st;
+  const bool has_head = fstat(fileno(fp), &st) == 0 && st.st_size >= 1024 && run->head.nx > 0 && run->head.ny > 0 &&
+                        run->head.nz > 0;
+  if (has_head) check_mrc_head_sizes_two(para->first_mic, mic, &run->head_first, &run->head);
+  if (!problem.empty()) {
+    run->fp_mic.reset();
+    pass_over(run, problem, going_on);
     zk_clock_close(clock, "READING", false);
     return false;
   }
 
-  // A micrograph that cannot be read as one (a short file, an absurd head)
-  // ends the run before anything is written for it.  One of another size or
-  // mode is left to the size check below, after the raw candidate file has
-  // been created as usual.
-  run->fp_mic.reset(MAIN_FOPEN_READ(mic));
-  FILE* fp = run->fp_mic.get();
-  mrc_read_head(fp, &run->head);
-  if (same_size_and_mode(&run->head, &run->head_first)) vet_or_fail(mic, fp, &run->head);
-
-  // The raw candidates of all templates; open through the template loop.
-  run->fp_nonunique.reset(MAIN_FOPEN_WRITE(run->nonunique_name));
-  check_mrc_head_sizes_two(para->first_mic, mic, &run->head_first, &run->head);
+  // The raw candidates of all templates: the temporary file of
+  // "_nonunique.box" is made now, so that a folder that cannot take it ends
+  // the run before the search.
+  run->nonunique_out.reset(new ZkOutFile());
+  if (!zk_out_try_open(*run->nonunique_out, run->nonunique_name))
+    MAIN_FATAL_AFTER(zk_format("Cannot write to file %s. Permission denied or no space left!\n", run->nonunique_name),
+                     "open file failed.");
+  run->raw.reset(new ZkMemText());
   printf("Reading File %s ...\n", mic);
   if (!prefetch_take(pf, index, fp, run->h_raw)) mrc_read_slice(fp, &run->head, 0, 'z', run->h_raw.data());
 
+  // Every record of the exclusion file counts, however long the list.
   run->n_excluded = 0;
   if (!is_str_null(run->excluded_name) && check_file_access(run->excluded_name, "FR") == 0) {
-    run->n_excluded = read_all_ptcl_boxes(run->boxes_excluded.data(), run->Gx * run->Gy, run->excluded_name);
+    run->boxes_excluded = read_ptcl_box_list(run->excluded_name);
+    run->n_excluded = (int)run->boxes_excluded.size();
     printf("%8d particles in file %s excluded from auto-picking \n", run->n_excluded, run->excluded_name);
   } else {
     strlcpy(run->excluded_name, "NULL");
@@ -197,16 +248,9 @@ void pick_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic) {
   }
   if (para->write_ccmax_mic) zavik_stage_write_ccmax(run);
   run->fp_mic.reset();
-  // The box filter reads the raw candidates back: a write that failed (a full
-  // disk) must end the run here rather than give fewer picks without a word.
-  if (run->fp_nonunique) {
-    FILE* fp = run->fp_nonunique.release();
-    const bool ok = fflush(fp) == 0 && !ferror(fp);
-    if (fclose(fp) != 0 || !ok)
-      MAIN_FATAL_AFTER(zk_format("Cannot write to file %s. Permission denied or no space left!\n", run->nonunique_name),
-                       "open file failed.");
-  }
   zavik_stage_box_filter(run);
+  run->raw.reset();
+  run->nonunique_out.reset();
   if (para->extract_raw) zavik_stage_extract(run, mic);
   printf("File %s finished.\n", mic);
   zk_clock_close(clock, "PICKING");
@@ -243,22 +287,42 @@ int zavik_run(int argc, char** argv, const ZkRunShortcuts& shortcuts) {
   para.first_mic = first_mic.data();
   strlcpy(para.first_mic, para.files[0]);
   para.files[0] = para.first_mic;
-  FILE* fp0 = nullptr;
-  check_access_openf_1st(para.files, para.n_files, para.first_mic, fp0);
-  ZkFilePtr fp(fp0);
-  if (!fp) {
-    char msg[128];
-    snprintf(msg, sizeof msg, "none of the %d micrographs given exists and is readable", para.n_files);
-    MAIN_FATAL(msg);
-  }
 
   ZkCacheGuard caches;  // declared first, so that it goes after the run's arrays
   ZkRun run;
   run.para = &para;
   run.shortcuts = shortcuts;
-  mrc_read_head(fp.get(), &run.head_first);
-  vet_or_fail(para.first_mic, fp.get(), &run.head_first);
-  fp.reset();
+
+  // The first usable micrograph fixes the geometry of the run.  One that is
+  // there but cannot be picked is reported and the next one is tried; later
+  // names meet their own checks in the list.  When entry 0 itself is passed
+  // over, the name that stands in for it takes its storage, so it is recorded
+  // here.
+  bool found = false;
+  for (int k = 0; k < para.n_files && !found; ++k) {
+    FILE* fp0 = nullptr;
+    check_access_openf_1st(para.files + k, 1, para.first_mic, fp0);
+    if (!fp0) continue;
+    ZkFilePtr fp(fp0);
+    mrc_read_head(fp.get(), &run.head_first);
+    std::string problem = mrc_micrograph_problem(para.first_mic, fp.get(), &run.head_first);
+    if (problem.empty()) problem = shape_problem(para.first_mic, run.head_first.nx, run.head_first.ny, para.shrink);
+    if (problem.empty()) {
+      found = true;
+    } else if (k == 0) {
+      pass_over(&run, problem, "It gets no results; the next micrograph is tried.");
+    } else {
+      printf("%s The next micrograph is tried.\n\n", problem.c_str());
+    }
+  }
+  if (!found) {
+    char msg[160];
+    if (run.failed.empty())
+      snprintf(msg, sizeof msg, "none of the %d micrographs given exists and is readable", para.n_files);
+    else
+      snprintf(msg, sizeof msg, "none of the %d micrographs given can be picked", para.n_files);
+    MAIN_FATAL(msg);
+  }
   zavik_run_set_geometry(&run);
   if (run.L < 2) {
     char msg[128];
@@ -287,7 +351,13 @@ int zavik_run(int argc, char** argv, const ZkRunShortcuts& shortcuts) {
 
   zavik_stage_finish_search(&run);
   put_line('#', 129, "\n");
-  printf("All %d files finished successfully:\n", para.n_files);
+  if (run.failed.empty()) {
+    printf("All %d files finished successfully:\n", para.n_files);
+  } else {
+    printf("Finished %d files; %d micrographs could not be picked and have no results:\n", para.n_files,
+           (int)run.failed.size());
+    for (const std::string& why : run.failed) printf("    %s\n", why.c_str());
+  }
   zk_clock_close(&clock, "TOTAL");
   put_line('#', 129, "\n\n");
   zavik_put_one_random_tip();

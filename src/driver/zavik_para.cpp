@@ -1,8 +1,12 @@
 #include "driver/zavik_para.h"
 
+#include <cerrno>
+#include <climits>
+#include <cmath>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <strings.h>
 
 #include "core/report.h"
 #include "core/str_utils.h"
@@ -74,10 +78,11 @@ const ZkOption OPTIONS[] = {
     ZK_OPT(extract_raw, OPT_FLAG, "%d", false),
     ZK_OPT(extract_pf, OPT_FLAG, "%d", false),
     ZK_OPT(gid, OPT_INT, "%d", true),
+    ZK_OPT(fill_rejected, OPT_FLAG, "%d", false),
 };
 #undef ZK_OPT
 constexpr int N_OPTIONS = (int)(sizeof OPTIONS / sizeof OPTIONS[0]);
-static_assert(N_OPTIONS == 46, "the record has 46 option words");
+static_assert(N_OPTIONS == 47, "the record has 47 option words");
 
 int find_option(const char* word) {
   for (int k = 0; k < N_OPTIONS; ++k)
@@ -107,6 +112,26 @@ const char* echo_label(const ZkOption& o) {
     snprintf(msg_, sizeof msg_, __VA_ARGS__);                             \
     zk_fatal("zavik_get_parameters", zk_basename(__FILE__), __LINE__, msg_); \
   } while (0)
+
+// A value is a number in full: "1,34", "abc" or "12px" would otherwise run
+// silently as 1, 0 or 12.  The value is the one atof or atoi gives.
+bool parse_float(const char* text, float& v) {
+  char* end = nullptr;
+  errno = 0;
+  const double d = strtod(text, &end);
+  if (end == text || *end != '\0' || errno == ERANGE || !std::isfinite(d) || !std::isfinite((float)d)) return false;
+  v = (float)d;
+  return true;
+}
+
+bool parse_int(const char* text, int& v) {
+  char* end = nullptr;
+  errno = 0;
+  const long n = strtol(text, &end, 10);
+  if (end == text || *end != '\0' || errno == ERANGE || n < INT_MIN || n > INT_MAX) return false;
+  v = (int)n;
+  return true;
+}
 
 // A name must fit its 1024-byte buffer and leave room for the terminator.
 void check_name_length(const char* name, const char* what) {
@@ -195,6 +220,8 @@ void zavik_init_parameters(int argc, Zavik_Para* para) {
   para->psi_start = 0.0f;
   para->psi_end = 359.0f;
   para->first_mic = nullptr;
+  para->cc_auto = 0;
+  para->fill_rejected = 0;
 }
 
 void zavik_free_parameters(Zavik_Para* para) {
@@ -243,10 +270,16 @@ void zavik_get_parameters(int argc, char** argv, Zavik_Para* para) {
         break;
       }
       case OPT_FLOAT:
-        f_field(para, o) = (float)atof(value);
+        // "auto" chooses the score cutoff of each micrograph from its scores.
+        if (strcmp(o.word, "cc_cutoff") == 0 && strcasecmp(value, "auto") == 0) {
+          para->cc_auto = 1;
+          break;
+        }
+        if (strcmp(o.word, "cc_cutoff") == 0) para->cc_auto = 0;
+        if (!parse_float(value, f_field(para, o))) PARA_FATAL("--%s takes a number, not '%s'", o.word, value);
         break;
       default:
-        i_field(para, o) = atoi(value);
+        if (!parse_int(value, i_field(para, o))) PARA_FATAL("--%s takes a whole number, not '%s'", o.word, value);
         break;
     }
     if (strcmp(o.word, "speed") == 0) zavik_speed2shrink(para->speed, para->shrink);
@@ -267,6 +300,29 @@ void zavik_get_parameters(int argc, char** argv, Zavik_Para* para) {
   if (!(para->ang_step > 0.0f)) PARA_FATAL("--ang_step must be greater than 0");
   if (!(para->diameter > 0.0f)) PARA_FATAL("--diameter must be greater than 0");
   if (!(para->apixM > 0.0f)) PARA_FATAL("--apixM must be greater than 0");
+  // Values outside their sensible range would give empty or meaningless
+  // results without a word.
+  struct Range {
+    const char* word;
+    double low, high;  // low < value <= high; low <= value <= high when closed
+    bool closed;
+  };
+  static const Range ranges[] = {
+      {"apixT", 0, 1e6, false},     {"min_dist", 0, 1e9, false},   {"boxsize", 0, 1e6, false},
+      {"ang_step", 0, 360, false},  {"lp", 0, 1e9, false},         {"hp", 0, 1e9, false},
+      {"pre_lp", 0, 1e9, false},    {"pre_hp", 0, 1e9, false},     {"lsigma_D", 0, 1e9, false},
+      {"lave_D", 0, 1e9, false},    {"center1_ratio", 0, 1, true}, {"kV", 0, 1e4, false},
+      {"cs", 0, 1e3, true},         {"ac", 0, 1, true},            {"gid", 0, 1e6, true},
+  };
+  for (const Range& r : ranges) {
+    const int k = option_index(r.word);
+    if (!given[k]) continue;
+    const ZkOption& o = OPTIONS[k];
+    const double v = o.kind == OPT_FLOAT ? (double)f_field(para, o) : (double)i_field(para, o);
+    const bool inside = (r.closed ? v >= r.low : v > r.low) && v <= r.high;
+    if (!inside && r.closed) PARA_FATAL("--%s must lie between %g and %g, not %g", r.word, r.low, r.high, v);
+    if (!inside) PARA_FATAL("--%s must be greater than %g and at most %g, not %g", r.word, r.low, r.high, v);
+  }
 
   if (!is_str_null(para->T)) para->auto_T = 0;
   if (!given[option_index("min_dist")]) para->min_dist = (float)(0.8 * para->diameter);
@@ -343,6 +399,7 @@ void put_used_rows(FILE* fp, Zavik_Para* p, const char* const* words, int n) {
     }
     const ZkOption& o = OPTIONS[k];
     format_value(value, sizeof value, fmt_used(o), p, o);
+    if (strcmp(o.word, "cc_cutoff") == 0 && p->cc_auto) snprintf(value, sizeof value, "auto");
     put_row(fp, 30, echo_label(o), value);
   }
 }
@@ -363,7 +420,12 @@ void zavik_fput_parameters(int argc, char** argv, Zavik_Para* para, FILE* fp) {
       const char* text = argv[++i];
       switch (o.kind) {
         case OPT_NAME: snprintf(value, sizeof value, "%s", text); break;
-        case OPT_FLOAT: snprintf(value, sizeof value, o.fmt_given, (double)(float)atof(text)); break;
+        case OPT_FLOAT:
+          if (strcmp(o.word, "cc_cutoff") == 0 && strcasecmp(text, "auto") == 0)
+            snprintf(value, sizeof value, "auto");
+          else
+            snprintf(value, sizeof value, o.fmt_given, (double)(float)atof(text));
+          break;
         default: snprintf(value, sizeof value, o.fmt_given, atoi(text)); break;
       }
     } else {
@@ -389,6 +451,11 @@ void zavik_fput_parameters(int argc, char** argv, Zavik_Para* para, FILE* fp) {
   put_used_rows(fp, para, basic, 4);
   fprintf(fp, "Additional options:  \n");
   put_used_rows(fp, para, additional, (int)(sizeof additional / sizeof additional[0]));
+  // The options beyond the classic set have a row when they are on.
+  if (para->fill_rejected) {
+    static const char* const fill[] = {"fill_rejected"};
+    put_used_rows(fp, para, fill, 1);
+  }
   fprintf(fp, "CTF options: \n");
   put_used_rows(fp, para, ctf, 5);
   fprintf(fp, "I/O options:  \n");

@@ -66,6 +66,11 @@ struct Zavik_Para {
   float lsigma_R;     // px
   float lave_R;       // px
   char* first_mic;  // set by the driver: entry 0 of files, 1024 bytes of its own
+  // Beyond the classic record: --cc_cutoff auto chooses the cutoff of each
+  // micrograph from its own scores; --fill_rejected fills the rejected cells
+  // with the surrounding background before the band-pass.
+  int cc_auto;
+  int fill_rejected;
 };
 
 // Allocates files (argc pointers) and the three name buffers, stores "NULL" in

@@ -39,4 +39,8 @@ void zavik_run_allocate(ZkRun* run) {
   run->grid_cc.assign(GG, 0.0f);
   run->grid_psi.assign(GG, 0.0f);
   run->d_ice.allocate(GG);
+  if (run->para->cc_auto) {
+    run->d_ccmin.allocate(LL);
+    run->d_noise.allocate(LL);
+  }
 }

@@ -6,15 +6,19 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "core/hd.h"
 #include "core/report.h"
+#include "core/txt_file.h"
 #include "core/str_utils.h"
 #include "device/cuda_general.h"
 #include "driver/zavik_para.h"
 #include "formats/boxfile.h"
 #include "formats/mrcfile.h"
+#include "formats/safe_output.h"
+#include "picking/box_filter.h"
 #include "picking/zavik56_ice.h"
 #include "picking/zavik56_search.h"
 
@@ -54,7 +58,7 @@ struct ZkRun {
   std::unique_ptr<float, ZkFreeDeleter> h_T_all;  // Nt * Tx * Ty, from the template stage
   std::vector<float> h_T;            // Tx * Ty
   std::vector<float> h_ccmax_stack;  // Nt * L * L
-  std::vector<PTCL_BOX> boxes_excluded;  // Gx * Gy records: the exclusion file, read up to that count
+  std::vector<PTCL_BOX> boxes_excluded;  // every record of the micrograph's exclusion file
   int n_excluded = 0;
   std::vector<unsigned int> grid_index;  // Gx * Gy
   std::vector<float> grid_cc;            // Gx * Gy
@@ -67,8 +71,12 @@ struct ZkRun {
   ZkDeviceArray<float> d_psi;    // L * L
   ZkDeviceArray<float> d_mask;   // L * L
   ZkDeviceArray<unsigned int> d_ice;  // Gx * Gy
+  // Under --cc_cutoff auto: the minima of the current template's search and
+  // their sign-turned maximum over the templates, L * L each.
+  ZkDeviceArray<float> d_ccmin, d_noise;
 
-  // Output names of the current micrograph, beside it.
+  // The current micrograph and its output names, beside it.
+  char mic_name[ZK_TXT_LEN];
   char box_name[ZK_TXT_LEN];
   char star_name[ZK_TXT_LEN];
   char nonunique_name[ZK_TXT_LEN];
@@ -80,8 +88,16 @@ struct ZkRun {
 
   std::unique_ptr<ZkSearchBank, ZkSearchBankDeleter> bank;  // the run's search, when shortcuts.run_search
 
-  ZkFilePtr fp_mic;        // open from reading to the end of picking
-  ZkFilePtr fp_nonunique;  // raw candidates, open through the template loop
+  ZkFilePtr fp_mic;  // open from reading to the end of picking
+  // The raw candidates of all templates: gathered in memory for the box
+  // filter, and written to "_nonunique.box", whose temporary file is made
+  // when the micrograph is read.
+  std::unique_ptr<ZkMemText> raw;
+  std::unique_ptr<ZkOutFile> nonunique_out;
+
+  // Micrographs that could not be picked, each by its reason (a line that
+  // names it); the closing banner lists them.
+  std::vector<std::string> failed;
 
   // Set by NORMALIZATION, with a warning, when the current micrograph has no
   // score to search: every grid cell is rejected (the mask sums to 0, so the
@@ -136,8 +152,13 @@ void zavik_stage_begin_picking(ZkRun* run);
 void zavik_stage_search_template(ZkRun* run, int t);
 // "_ccmax.mrc": the Nt maps of h_ccmax_stack.
 void zavik_stage_write_ccmax(ZkRun* run);
-// The box filter from "_nonunique.box" into "_zavik.box" and, under
-// --write_star, "_zavik.star".
+// The automatic cutoff of the current micrograph from its noise map and the
+// candidates after the box filter: the picks below it go, and one line says
+// the cutoff.
+void zavik_apply_auto_cutoff(ZkRun* run, std::vector<ZkPick>& picks);
+// The raw candidates into "_nonunique.box", then the box filter on them into
+// "_zavik.box" and, under --write_star, "_zavik.star".  Both results are
+// written in full before either is renamed into place.
 void zavik_stage_box_filter(ZkRun* run);
 // Particle stacks from the micrograph and its "_zavik.box".
 void zavik_stage_extract(ZkRun* run, const char* mic);

@@ -1,4 +1,5 @@
 // The stages that the driver calls for the run and for each micrograph.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include "driver/zavik_run.h"
 #include "formats/mrcfile.h"
 #include "imagefile/mrc_device.h"
+#include "picking/auto_cutoff.h"
 #include "picking/box_filter.h"
 #include "picking/extract.h"
 #include "picking/img_filter.h"
@@ -53,7 +55,8 @@ void zavik_stage_upload_templates(ZkRun* run) {
   for (int t = 0; t < run->Nt; ++t) {
     // h_T_all keeps the stack as read; each template is normalised on a copy.
     memcpy(run->h_T.data(), run->h_T_all.get() + t * TT, TT * sizeof(float));
-    normalize_template_by_type(run->h_T.data(), run->Tx, run->Ty, para->T_norm_type, para->T_radius, para->center1_ratio);
+    normalize_template_by_type(run->h_T.data(), run->Tx, run->Ty, para->T_norm_type, para->T_radius,
+                               para->center1_ratio);
     ZK_CHECK(memcpy_H2D(run->d_T.get() + t * TT, run->h_T.data(), TT * sizeof(float)));
   }
   // Dark particles by default: a positive template, generated ones included,
@@ -130,6 +133,17 @@ void zavik_stage_normalize(ZkRun* run, const char* mic) {
   if (!is_str_null(para->global_excluded_box))
     add_excluded_boxf_to_ice(run->d_ice.get(), L, L, G, para->global_excluded_box, shrink);
 
+  // Filled rejected cells leave no step for the band-pass to ring at; the
+  // image's spectrum is made anew for it.  The rejected area first takes in
+  // the free cells beside it that hold a rim of contamination or carbon
+  // (a pixel eight robust deviations off), and the free pockets it encloses
+  // (the flat middle of a disc), up to a square of three cells.
+  if (para->fill_rejected) {
+    grow_rejected_cells(run->d_mic.get(), run->d_ice.get(), L, L, G, 8.0f);
+    close_rejected_pockets(run->d_ice.get(), L, L, G, 9);
+    if (hcuda_2d_fill_rejected_cells(run->d_mic.get(), L, L, G, run->d_ice.get(), 2.0f) > 0 && para->do_bandpass)
+      hcuda_2d_mpad_fft_r2c(mic_f, run->d_mic.get(), L, L);
+  }
   if (para->do_bandpass) hcuda_2d_bandpass_guas_mpad_f(mic_f, run->d_mic.get(), L, apix_s, para->lp, para->hp);
   device_free(mic_f);
   hcuda_normz_inplace(run->d_mic.get(), LL, 1.0f, 0.0f);
@@ -170,7 +184,8 @@ void zavik_stage_normalize(ZkRun* run, const char* mic) {
 void zavik_stage_prepare_search(ZkRun* run) {
   const Zavik_Para* para = run->para;
   run->bank.reset();
-  if (!run->shortcuts.run_search) return;
+  // The automatic cutoff needs the minima, which the run's search gives.
+  if (!run->shortcuts.run_search && !para->cc_auto) return;
   run->bank.reset(zavik_search_bank_create(run->d_T.get(), run->Nt, run->Tx, run->Ty, run->L, run->L,
                                            para->T_radius, para->psi_start, para->psi_end, para->ang_step,
                                            run->shortcuts.search));
@@ -181,7 +196,9 @@ void zavik_stage_finish_search(ZkRun* run) {
 }
 
 void zavik_stage_begin_picking(ZkRun* run) {
-  if (run->bank && !run->no_picks) zavik_search_bank_set_micrograph(run->bank.get(), run->d_mic.get(), run->d_mask.get());
+  if (run->bank && !run->no_picks)
+    zavik_search_bank_set_micrograph(run->bank.get(), run->d_mic.get(), run->d_mask.get());
+  if (run->para->cc_auto) hcuda_2d_memset(run->d_noise.get(), -INFINITY, run->L, run->L);
 }
 
 void zavik_stage_search_template(ZkRun* run, int t) {
@@ -194,30 +211,90 @@ void zavik_stage_search_template(ZkRun* run, int t) {
     return;
   }
   if (run->bank)
-    zavik_search_bank_run(run->bank.get(), t, run->d_ccmax.get(), run->d_psi.get(), 1);
+    zavik_search_bank_run(run->bank.get(), t, run->d_ccmax.get(), run->d_psi.get(), 1, run->d_ccmin.get());
   else
-    zavik_ccmax_psi_by_one_template(run->d_mic.get(), run->d_mask.get(), run->d_ccmax.get(), run->d_psi.get(), 1, L, L, run->d_T.get() + t * TT,
-                                    run->Tx, run->Ty, para->T_radius, para->psi_start, para->psi_end,
-                                    para->ang_step);
-  gpu_find_filter_ccmax_psi_grids_exclusive(run->d_ccmax.get(), run->d_psi.get(), run->grid_index.data(), run->grid_cc.data(), run->grid_psi.data(),
-                                            para->cc_cutoff, L, L, run->G, run->d_ice.get(),
-                                            (unsigned int)(run->Gx * run->Gy));
-  output_zavik_coord_one_temp(run->fp_nonunique.get(), run->grid_index.data(), run->grid_cc.data(), run->grid_psi.data(), t, run->Gx * run->Gy,
-                              L, L, para->boxsize / para->shrink);
-  if (para->write_ccmax_mic) ZK_CHECK(memcpy_D2H(run->h_ccmax_stack.data() + t * LL, run->d_ccmax.get(), LL * sizeof(float)));
+    zavik_ccmax_psi_by_one_template(run->d_mic.get(), run->d_mask.get(), run->d_ccmax.get(), run->d_psi.get(), 1, L, L,
+                                    run->d_T.get() + t * TT, run->Tx, run->Ty, para->T_radius, para->psi_start,
+                                    para->psi_end, para->ang_step);
+  if (para->cc_auto) hcuda_update_noise_max_2d(run->d_noise.get(), run->d_ccmin.get(), L, L);
+  // Under the automatic cutoff every candidate goes on; the cutoff comes with
+  // the box filter, once all templates are searched.
+  const float cutoff = para->cc_auto ? -INFINITY : para->cc_cutoff;
+  gpu_find_filter_ccmax_psi_grids_exclusive(run->d_ccmax.get(), run->d_psi.get(), run->grid_index.data(),
+                                            run->grid_cc.data(), run->grid_psi.data(), cutoff, L, L, run->G,
+                                            run->d_ice.get(), (unsigned int)(run->Gx * run->Gy));
+  output_zavik_coord_one_temp(run->raw->fp(), run->grid_index.data(), run->grid_cc.data(), run->grid_psi.data(), t,
+                              run->Gx * run->Gy, L, L, para->boxsize / para->shrink);
+  if (para->write_ccmax_mic)
+    ZK_CHECK(memcpy_D2H(run->h_ccmax_stack.data() + t * LL, run->d_ccmax.get(), LL * sizeof(float)));
 }
 
 void zavik_stage_write_ccmax(ZkRun* run) {
   mrcf_write_xyz_data(run->ccmax_name, run->h_ccmax_stack.data(), run->L, run->L, run->Nt);
 }
 
+namespace {
+
+// The decoys of the current micrograph: the candidates of its noise map,
+// taken by the steps that take the real ones.
+std::vector<float> decoy_scores(ZkRun* run) {
+  const Zavik_Para* para = run->para;
+  const int L = run->L;
+  gpu_find_filter_ccmax_psi_grids_exclusive(run->d_noise.get(), run->d_noise.get(), run->grid_index.data(),
+                                            run->grid_cc.data(), run->grid_psi.data(), -INFINITY, L, L, run->G,
+                                            run->d_ice.get(), (unsigned int)(run->Gx * run->Gy));
+  ZkMemText raw;
+  output_zavik_coord_one_temp(raw.fp(), run->grid_index.data(), run->grid_cc.data(), run->grid_psi.data(), 0,
+                              run->Gx * run->Gy, L, L, para->boxsize / para->shrink);
+  raw.finish();
+  const std::vector<ZkPick> decoys =
+      box_filter_picks(run->Nsx, run->Nsy, para->min_dist_px, -INFINITY, (float)para->shrink, para->boxsize,
+                       para->boxsize, run->origin, raw.data(), raw.size(),
+                       is_str_null(run->excluded_name) ? nullptr : run->boxes_excluded.data(),
+                       is_str_null(run->excluded_name) ? 0 : run->n_excluded);
+  std::vector<float> out;
+  for (const ZkPick& p : decoys) out.push_back(p.cc);
+  return out;
+}
+
+}  // namespace
+
+void zavik_apply_auto_cutoff(ZkRun* run, std::vector<ZkPick>& picks) {
+  const std::vector<float> decoys = decoy_scores(run);
+  std::vector<float> scores;
+  for (const ZkPick& p : picks) scores.push_back(p.cc);
+  const float cutoff = zavik_auto_cutoff(decoys.data(), (int)decoys.size(), scores.data(), (int)scores.size());
+  const size_t candidates = picks.size();
+  picks.erase(std::remove_if(picks.begin(), picks.end(), [cutoff](const ZkPick& p) { return !(p.cc >= cutoff); }),
+              picks.end());
+  if (std::isinf(cutoff))
+    printf("Automatic cutoff for %s: no candidate of the %zu stands out of the noise; no particles picked.\n",
+           run->mic_name, candidates);
+  else
+    printf("Automatic cutoff for %s: %.3f, %zu of %zu candidates picked.\n", run->mic_name, cutoff, picks.size(),
+           candidates);
+}
+
 void zavik_stage_box_filter(ZkRun* run) {
   const Zavik_Para* para = run->para;
-  box_filter(run->Nsx, run->Nsy, para->min_dist_px, para->cc_cutoff, (float)para->shrink, para->boxsize,
-             para->boxsize, run->origin, run->nonunique_name, run->excluded_name, run->box_name, 2);
+  run->raw->finish();
+  FILE* fp = run->nonunique_out->fp;
+  if (run->raw->size() > 0) fwrite(run->raw->data(), 1, run->raw->size(), fp);
+  zk_out_commit(*run->nonunique_out);
+
+  const float cutoff = para->cc_auto ? -INFINITY : para->cc_cutoff;
+  std::vector<ZkPick> picks =
+      box_filter_picks(run->Nsx, run->Nsy, para->min_dist_px, cutoff, (float)para->shrink, para->boxsize,
+                       para->boxsize, run->origin, run->raw->data(), run->raw->size(),
+                       is_str_null(run->excluded_name) ? nullptr : run->boxes_excluded.data(),
+                       is_str_null(run->excluded_name) ? 0 : run->n_excluded);
+  if (para->cc_auto && !run->no_picks) zavik_apply_auto_cutoff(run, picks);
+  ZkOutFile box, star;
+  write_box_filter_picks(zk_out_open(box, run->box_name), picks, 2, para->boxsize, para->boxsize, run->origin);
   if (para->write_star)
-    box_filter(run->Nsx, run->Nsy, para->min_dist_px, para->cc_cutoff, (float)para->shrink, para->boxsize,
-               para->boxsize, run->origin, run->nonunique_name, run->excluded_name, run->star_name, 1);
+    write_box_filter_picks(zk_out_open(star, run->star_name), picks, 1, para->boxsize, para->boxsize, run->origin);
+  zk_out_commit(box);
+  if (para->write_star) zk_out_commit(star);
 }
 
 void zavik_stage_extract(ZkRun* run, const char* mic) {

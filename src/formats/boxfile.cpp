@@ -65,8 +65,8 @@ int read_star_tolerant(FILE* fp, PTCL_BOX* boxes, int max, const char* name) {
   char table[ZK_TXT_LEN];
   if (star_find_loop_table(fp, want, 5, 2, cols, &n_cols, &pos, table) != 0) {
     char msg[ZK_TXT_LEN + 160];
-    snprintf(msg, sizeof msg, "no _rlnCoordinateX and _rlnCoordinateY columns in the STAR file %s, read as an empty list",
-             name);
+    snprintf(msg, sizeof msg,
+             "no _rlnCoordinateX and _rlnCoordinateY columns in the STAR file %s, read as an empty list", name);
     ZK_WARNING(msg);
     return 0;
   }
@@ -116,7 +116,8 @@ int read_star_lines(FILE* fp, PTCL_BOX* boxes, int max, const char* name) {
 }  // namespace
 
 int read_all_ptcl_boxes(PTCL_BOX* boxes, int max, const char* name) {
-  FILE* fp = ZK_FOPEN_READ(name, "r");
+  ZkFilePtr file(ZK_FOPEN_READ(name, "r"));
+  FILE* fp = file.get();
   empty_all_ptcl_boxes(boxes, max);
   int n = 0;
   switch (get_boxf_suffixf(name)) {
@@ -129,8 +130,21 @@ int read_all_ptcl_boxes(PTCL_BOX* boxes, int max, const char* name) {
     default:
       ZK_WARNING("unrecognized box file format, only EMAN .box and Relion .star file are supported now.");
   }
-  fclose(fp);
   return n;
+}
+
+std::vector<PTCL_BOX> read_ptcl_box_list(const char* name) {
+  // A record takes a line, so the lines bound the records.
+  long long lines = 1;
+  {
+    ZkFilePtr fp(ZK_FOPEN_READ(name, "r"));
+    int c;
+    while ((c = getc(fp.get())) != EOF) lines += c == '\n';
+  }
+  const int max = lines < ZK_MAX_PTCL_BOXES ? (int)lines : ZK_MAX_PTCL_BOXES;
+  std::vector<PTCL_BOX> boxes((size_t)max);
+  boxes.resize((size_t)read_all_ptcl_boxes(boxes.data(), max, name));
+  return boxes;
 }
 
 int get_boxf_suffixf(const char* name) {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <vector>
 
 #include "core/ptcl_box.h"
 
@@ -14,6 +15,9 @@ constexpr int ZK_MAX_PTCL_BOXES = 10000000;
 // the number of records read.  A file that does not open throws its report; a
 // .box line of one to three words ends it with "unrecognized box format!".
 int read_all_ptcl_boxes(PTCL_BOX* boxes, int max, const char* name);
+// Every record of a .box or .star file, however many there are (up to the
+// ceiling of ZK_MAX_PTCL_BOXES); failures as read_all_ptcl_boxes.
+std::vector<PTCL_BOX> read_ptcl_box_list(const char* name);
 // 1 for a name ending in ".star", 2 for ".box", 0 otherwise (case counts).
 int get_boxf_suffixf(const char* name);
 int empty_all_ptcl_boxes(PTCL_BOX* boxes, int count);

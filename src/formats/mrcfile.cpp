@@ -179,6 +179,7 @@ int read_slice_as(FILE* fp, const MRC_HEAD* head, int slice, char axis, T* dst) 
   const long long b = mrc_mode_bytes(head->mode);
   const long long nx = head->nx, ny = head->ny, nz = head->nz;
   if (nx <= 0 || ny <= 0 || nz <= 0) return 0;
+  const long long offset = mrc_data_offset(head);
   // A plane outside the volume reads as zeros rather than as samples of
   // a neighbouring row or section.
   switch (axis) {
@@ -188,7 +189,7 @@ int read_slice_as(FILE* fp, const MRC_HEAD* head, int slice, char axis, T* dst) 
         fill_zero(dst, (size_t)(nx * ny));
         break;
       }
-      seek_and_read(fp, head, MRC_HEAD_BYTES + nx * ny * b * slice, (size_t)(nx * ny), dst);
+      seek_and_read(fp, head, offset + nx * ny * b * slice, (size_t)(nx * ny), dst);
       break;
     case 'y':
     case 'Y':
@@ -197,7 +198,7 @@ int read_slice_as(FILE* fp, const MRC_HEAD* head, int slice, char axis, T* dst) 
         break;
       }
       for (long long z = 0; z < nz; ++z)
-        seek_and_read(fp, head, MRC_HEAD_BYTES + (z * nx * ny + (long long)slice * nx) * b, (size_t)nx, dst + z * nx);
+        seek_and_read(fp, head, offset + (z * nx * ny + (long long)slice * nx) * b, (size_t)nx, dst + z * nx);
       break;
     case 'x':
     case 'X':
@@ -206,7 +207,7 @@ int read_slice_as(FILE* fp, const MRC_HEAD* head, int slice, char axis, T* dst) 
         break;
       }
       for (long long k = 0; k < ny * nz; ++k)
-        seek_and_read(fp, head, MRC_HEAD_BYTES + (k * nx + slice) * b, 1, dst + k);
+        seek_and_read(fp, head, offset + (k * nx + slice) * b, 1, dst + k);
       break;
     default:
       break;
@@ -265,6 +266,8 @@ bool mrc_mode_readable(int mode) { return mode == 0 || mode == 1 || mode == 2 ||
 
 bool mrc_head_big_endian(const MRC_HEAD* head) { return head->stamp[0] == 0x11; }
 
+long mrc_data_offset(const MRC_HEAD* head) { return MRC_HEAD_BYTES + (head->next > 0 ? (long)head->next : 0L); }
+
 size_t mrc_head_samples(const MRC_HEAD* head) {
   if (head->nx <= 0 || head->ny <= 0 || head->nz <= 0) return 0;
   return (size_t)head->nx * (size_t)head->ny * (size_t)head->nz;
@@ -307,7 +310,7 @@ int mrc_check_fsize(FILE* fp, const MRC_HEAD* head) {
   }
   const long fsize = get_file_size(fp);
   const long long expected = (long long)b * head->nx * head->ny * head->nz;
-  if ((long long)fsize - MRC_HEAD_BYTES != expected) {
+  if ((long long)fsize - mrc_data_offset(head) != expected) {
     printf("File size %ld  %d xyz %ld", fsize, b, (long)expected);
     ZK_WARNING("File size error!");
     return -1;
@@ -318,7 +321,7 @@ int mrc_check_fsize(FILE* fp, const MRC_HEAD* head) {
 int mrc_read_all_nocheck(FILE* fp, const MRC_HEAD* head, float* dst) {
   const size_t n = mrc_head_samples(head);
   if (n == 0) return 0;
-  fseek(fp, MRC_HEAD_BYTES, SEEK_SET);
+  fseek(fp, mrc_data_offset(head), SEEK_SET);
   if (head->mode == MRC_MODE_FLOAT) {
     // Floats go in one block; a read that yields nothing is the one failure
     // reported.
@@ -408,36 +411,38 @@ const char* mrc_get_head_mode(const MRC_HEAD* head) {
   }
 }
 
-int mrc_vet_micrograph(const char* name, FILE* fp, const MRC_HEAD* head) {
+std::string mrc_micrograph_problem(const char* name, FILE* fp, const MRC_HEAD* head) {
   const long pos = ftell(fp);
   const long fsize = get_file_size(fp);
   fseek(fp, pos < 0 ? 0 : pos, SEEK_SET);
-  if (fsize < MRC_HEAD_BYTES) {
-    printf("Micrograph %s is too short for an MRC file: %ld bytes, at least %ld needed.\n", name, fsize,
-           MRC_HEAD_BYTES);
-    return -1;
-  }
-  if (head->nx <= 0 || head->ny <= 0 || head->nz <= 0) {
-    printf("Micrograph %s has no usable size in its head: Nx %d, Ny %d, Nz %d.\n", name, head->nx, head->ny, head->nz);
-    return -1;
-  }
+  if (fsize < MRC_HEAD_BYTES)
+    return zk_format("Micrograph %s is too short for an MRC file: %ld bytes, at least %ld needed.", name, fsize,
+                     MRC_HEAD_BYTES);
+  if (head->nx <= 0 || head->ny <= 0 || head->nz <= 0)
+    return zk_format("Micrograph %s has no usable size in its head: Nx %d, Ny %d, Nz %d.", name, head->nx, head->ny,
+                     head->nz);
   // Kernels index pixels with 32-bit integers.
-  if (head->nx > 1000000 || head->ny > 1000000 || (long long)head->nx * head->ny >= (1LL << 31)) {
-    printf("Micrograph %s is too large: Nx %d, Ny %d; at most 1000000 a side and 2147483647 pixels.\n", name, head->nx,
-           head->ny);
-    return -1;
-  }
-  if (!mrc_mode_readable(head->mode)) {
-    printf("Micrograph %s has mode %d (%s), which cannot be read; modes 0, 1, 2, 6 and 12 can.\n", name, head->mode,
-           mrc_get_head_mode(head));
-    return -1;
-  }
-  const long need = MRC_HEAD_BYTES + (long)head->nx * head->ny * mrc_mode_bytes(head->mode);
-  if (fsize < need) {
-    printf("Micrograph %s is shorter than its head promises: %ld bytes, at least %ld needed.\n", name, fsize, need);
-    return -1;
-  }
-  return 0;
+  if (head->nx > 1000000 || head->ny > 1000000 || (long long)head->nx * head->ny >= (1LL << 31))
+    return zk_format("Micrograph %s is too large: Nx %d, Ny %d; at most 1000000 a side and 2147483647 pixels.", name,
+                     head->nx, head->ny);
+  if (!mrc_mode_readable(head->mode))
+    return zk_format("Micrograph %s has mode %d (%s), which cannot be read; modes 0, 1, 2, 6 and 12 can.", name,
+                     head->mode, mrc_get_head_mode(head));
+  if (head->next < 0)
+    return zk_format("Micrograph %s has an extended header of %d bytes in its head, which cannot be.", name,
+                     head->next);
+  const long need = mrc_data_offset(head) + (long)head->nx * head->ny * mrc_mode_bytes(head->mode);
+  if (fsize < need)
+    return zk_format("Micrograph %s is shorter than its head promises: %ld bytes, at least %ld needed.", name, fsize,
+                     need);
+  return "";
+}
+
+int mrc_vet_micrograph(const char* name, FILE* fp, const MRC_HEAD* head) {
+  const std::string problem = mrc_micrograph_problem(name, fp, head);
+  if (problem.empty()) return 0;
+  printf("%s\n", problem.c_str());
+  return -1;
 }
 
 int check_mrc_head_sizes_two(const char* first_mic, const char* mic, const MRC_HEAD* head_first, const MRC_HEAD* head) {
@@ -522,8 +527,10 @@ int mrc_write_head_data(FILE* fp, MRC_HEAD* head, const float* data) {
   max_min_mean(data, n, head->amax, head->amin, head->amean);
   if (head->mode != MRC_MODE_FLOAT)
     ZK_FATAL("mrc_write_head_alldata() does not support writing float data to other MRC format.");
-  // The samples go out in host order, and the stamp says so.
+  // The samples go out in host order right after the head, and the head says
+  // so: the little-endian stamp and no extended header.
   set_little_endian_stamp(head);
+  head->next = 0;
   mrc_write_head(fp, head);
   const size_t plane = (size_t)(head->nx > 0 ? head->nx : 0) * (size_t)(head->ny > 0 ? head->ny : 0);
   for (int z = 0; z < head->nz && plane > 0; ++z) fwrite(data + (size_t)z * plane, sizeof(float), plane, fp);
@@ -557,8 +564,10 @@ int mrcf_i_open_io_read_head(const char* name, FILE*& fp, MRC_HEAD* head_in, MRC
   mrc_read_head(fp, head_in);
   *head_out = *head_in;
   head_out->mode = MRC_MODE_FLOAT;
-  // The output will hold host-order floats whatever the input's byte order.
+  // The output will hold host-order floats right after its head, whatever
+  // the input's byte order and extended header.
   set_little_endian_stamp(head_out);
+  head_out->next = 0;
   return 0;
 }
 
@@ -818,7 +827,7 @@ int mrc_read_sub_area(FILE* fp, const MRC_HEAD* head, float* dst, int x0, int y0
   const long long nx = head->nx, ny = head->ny;
   for (long long z = 0; z < d; ++z)
     for (long long y = 0; y < h; ++y) {
-      fseek(fp, (long)(MRC_HEAD_BYTES + (((z0 + z) * ny + (y0 + y)) * nx + x0) * 4), SEEK_SET);
+      fseek(fp, (long)(mrc_data_offset(head) + (((z0 + z) * ny + (y0 + y)) * nx + x0) * 4), SEEK_SET);
       read_samples(fp, head, (size_t)w, dst + (z * h + y) * w);
     }
   return 0;

@@ -5,6 +5,8 @@
 // takes a file name and opens and closes the file itself; get_mrcf_ returns
 // something newly allocated (malloc) that the caller frees with free().
 //
+// Samples begin after the head and its extended header (mrc_data_offset).
+//
 // Byte order: the head in memory is always in host order.  A file whose
 // machine stamp (byte 212) begins with 0x11 is big-endian: mrc_read_head swaps
 // its numeric fields and the readers swap its samples.  Files written here are
@@ -13,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <string>
 
 struct MRC_HEAD {
   int32_t nx;       // columns, the fastest axis
@@ -39,7 +42,7 @@ struct MRC_HEAD {
   float amean;
   int16_t ispg;    // space group, 16 bits
   int16_t nsymbt;  // symmetry bytes, 16 bits
-  int32_t next;    // bytes of extended header; samples still start at 1024
+  int32_t next;    // bytes of extended header between the head and the samples
   int16_t creatid;
   char blank[30];
   char extra[68];
@@ -109,6 +112,10 @@ bool mrc_mode_readable(int mode);
 bool mrc_head_big_endian(const MRC_HEAD* head);
 // nx * ny * nz, or 0 when a size is not positive.
 size_t mrc_head_samples(const MRC_HEAD* head);
+// Byte at which the samples begin: after the 1024-byte head and the extended
+// header of next bytes that microscope and motion-correction software write
+// (a negative next counts as none).  Files written here have none.
+long mrc_data_offset(const MRC_HEAD* head);
 
 // ---- Reading ----
 
@@ -125,8 +132,8 @@ int mrc_set_head_stmp(MRC_HEAD* head);
 int mrc_read_slice(FILE* fp, const MRC_HEAD* head, int slice, char axis, float* dst);
 // Seeks to the end and returns the position; the stream stays at the end.
 long get_file_size(FILE* fp);
-// 0 when the file holds exactly 1024 bytes plus the samples the head
-// promises, else -1 with a message.
+// 0 when the file holds exactly the head, its extended header and the
+// samples the head promises, else -1 with a message.
 int mrc_check_fsize(FILE* fp, const MRC_HEAD* head);
 // mrc_check_fsize (a failure throws the fatal report), then all samples into dst.
 // Returns 0, or -1 when a mode 2 read yields nothing.
@@ -146,8 +153,12 @@ const char* mrc_get_head_mode(const MRC_HEAD* head);
 // Vetting of a micrograph before slice 0 is read: 0 when it can be read,
 // otherwise one error line and -1.  Refuses files shorter than a head,
 // sizes that are not positive or too large for 32-bit pixel indices, modes
-// that cannot be read, and files too short for slice 0.
+// that cannot be read, a negative extended header, and files too short for
+// slice 0.
 int mrc_vet_micrograph(const char* name, FILE* fp, const MRC_HEAD* head);
+// The vetting's reason as one line without its line feed; empty when the
+// micrograph can be read.
+std::string mrc_micrograph_problem(const char* name, FILE* fp, const MRC_HEAD* head);
 // 0 when nx, ny, nz and mode agree; otherwise throws the two heads as a table.
 int check_mrc_head_sizes_two(const char* first_mic, const char* mic, const MRC_HEAD* head_first, const MRC_HEAD* head);
 

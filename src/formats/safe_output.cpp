@@ -61,12 +61,16 @@ void untrack(const char* tmp) {
 
 }  // namespace
 
-FILE* zk_out_open(ZkOutFile& out, const char* name) {
+FILE* zk_out_try_open(ZkOutFile& out, const char* name) {
   strlcpy(out.final_name, name);
   snprintf(out.tmp_name, sizeof out.tmp_name, "%s.part%ld", name, (long)getpid());
   out.fp = fopen(out.tmp_name, "w+");
-  if (!out.fp) write_failed(out, __func__, __LINE__);
-  track(out.tmp_name);
+  if (out.fp) track(out.tmp_name);
+  return out.fp;
+}
+
+FILE* zk_out_open(ZkOutFile& out, const char* name) {
+  if (!zk_out_try_open(out, name)) write_failed(out, __func__, __LINE__);
   return out.fp;
 }
 

@@ -29,6 +29,8 @@ struct ZkOutFile {
 // file %s. Permission denied or no space left!" with the final name and the
 // fatal report.
 FILE* zk_out_open(ZkOutFile& out, const char* name);
+// The same without the report: null when the temporary file cannot be made.
+FILE* zk_out_try_open(ZkOutFile& out, const char* name);
 // Flushes, checks and closes the stream, then renames the file into place.
 // A failed write or rename removes the temporary file and throws the same
 // report as zk_out_open.

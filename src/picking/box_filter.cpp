@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <vector>
 
 #include "core/report.h"
@@ -28,22 +29,27 @@ long long squared_distance(long long dx, long long dy) {
 
 }  // namespace
 
-int box_filter(int nx, int ny, float min_dist, float cc_cutoff, float shrink, int box_x, int box_y, int2 origin,
-               const char* raw_name, const char* excluded_name, const char* out_name, int mode) {
-  // The cell side, so that a cell's diagonal is at most min_dist.
+namespace {
+
+// The cell side, so that a cell's diagonal is at most min_dist; a failure is
+// reported in the name of the caller.
+int filter_cell(float min_dist, const char* func, int line) {
   float cell_f = 1.41421354f * min_dist / 2.0f;
   if (!(cell_f >= 1.0f))
-    ZK_FATAL_AFTER(zk_format("The minimum distance of %f shrunk pixels gives a grid cell of less than 1 pixel. "
+    zk_fatal_after(zk_format("The minimum distance of %f shrunk pixels gives a grid cell of less than 1 pixel. "
                              "Use a larger --min_dist.\n",
                              min_dist),
-                   "grid cell below 1 pixel");
-  const int cell = cell_f > (float)kMaxCell ? kMaxCell : (int)cell_f;
+                   func, zk_basename(__FILE__), line, "grid cell below 1 pixel");
+  return cell_f > (float)kMaxCell ? kMaxCell : (int)cell_f;
+}
+
+}  // namespace
+
+std::vector<ZkPick> box_filter_picks(int nx, int ny, float min_dist, float cc_cutoff, float shrink, int box_x,
+                                     int box_y, int2 origin, const char* raw, size_t raw_len, const PTCL_BOX* excluded,
+                                     int n_excluded) {
+  const int cell = filter_cell(min_dist, __func__, __LINE__);
   const long long limit2 = 2LL * cell * cell;
-
-  ZkFilePtr fp_raw(ZK_FOPEN_READ(raw_name, "r"));
-  ZkOutFile out;
-  FILE* fp = zk_out_open(out, out_name);
-
   const long long ncx = nx > 0 ? ((long long)nx + cell - 1) / cell : 0;
   const long long ncy = ny > 0 ? ((long long)ny + cell - 1) / cell : 0;
   const long long n_cells = ncx * ncy;
@@ -54,10 +60,12 @@ int box_filter(int nx, int ny, float min_dist, float cc_cutoff, float shrink, in
   std::vector<float> cell_cc(alloc_cells, 0.0f), cell_psi(alloc_cells, 0.0f);
 
   // Each cell keeps its best candidate, the first of equal scores.
+  ZkFilePtr fp_raw(raw_len > 0 ? fmemopen((void*)raw, raw_len, "r") : nullptr);
+  if (raw_len > 0 && !fp_raw) ZK_FATAL("memory allocation failed");
   char line[ZK_TXT_LEN];
   char* words[7];
-  while (zk_read_text_line(line, fp_raw.get()) > 0) {
-    // The raw file is written by the search, seven words a line; anything
+  while (fp_raw && zk_read_text_line(line, fp_raw.get()) > 0) {
+    // The raw candidates come from the search, seven words a line; anything
     // shorter is no candidate and is passed over.
     if (strnsplit_inplace_byspace(line, words, 7) < 7) continue;
     PTCL_BOX b = one_new_ptcl_box();
@@ -85,8 +93,8 @@ int box_filter(int nx, int ny, float min_dist, float cc_cutoff, float shrink, in
   fp_raw.reset();
 
   // Each candidate competes with its eight neighbours in raster order, seeing
-  // the removals already made, then meets the score cutoff.  On the outer ring a
-  // missing neighbour falls back to the cell itself, which defeats it.
+  // the removals already made, then meets the score cutoff.  On the outer ring
+  // a missing neighbour falls back to the cell itself, which defeats it.
   const uint32_t unx = (uint32_t)(nx > 0 ? nx : 1);
   for (long long cy = 0; cy < ncy; ++cy) {
     const long long ym = cy > 0 ? cy - 1 : cy, yp = cy < ncy - 1 ? cy + 1 : cy;
@@ -107,13 +115,9 @@ int box_filter(int nx, int ny, float min_dist, float cc_cutoff, float shrink, in
     }
   }
 
-  // The exclusion list, read up to one record per cell.
-  std::vector<PTCL_BOX> excluded(alloc_cells);
-  int n_excluded = 0;
-  if (!is_str_null(excluded_name) && check_file_access(excluded_name, "FR") == 0)
-    n_excluded = read_all_ptcl_boxes(excluded.data(), (int)n_cells, excluded_name);
-  if (mode == 1) output_starbox_head(fp);
-
+  // The exclusion list, then only boxes wholly and strictly inside the true
+  // micrograph; the picks in cell order.
+  std::vector<ZkPick> picks;
   const float ex_limit = (float)limit2 * shrink * shrink;
   const int hx = box_x / 2, hy = box_y / 2;
   const float x_end = (float)nx * shrink - (float)hx, y_end = (float)ny * shrink - (float)hy;
@@ -122,25 +126,53 @@ int box_filter(int nx, int ny, float min_dist, float cc_cutoff, float shrink, in
     const float fx = (float)(cell_pos[c] % unx) * shrink, fy = (float)(cell_pos[c] / unx) * shrink;
     const long long X = ptcl_trunc_to_int(fx), Y = ptcl_trunc_to_int(fy);
     for (int k = 0; k < n_excluded; ++k) {
-      const long long d2 = squared_distance(origin.x + X - ptcl_centre_x(excluded[k]), origin.y + Y - ptcl_centre_y(excluded[k]));
+      const long long d2 =
+          squared_distance(origin.x + X - ptcl_centre_x(excluded[k]), origin.y + Y - ptcl_centre_y(excluded[k]));
       if (d2 >= 0 && (float)d2 < ex_limit) {
         cell_pos[c] = 0;
         break;
       }
     }
-    // Only a box wholly and strictly inside the true micrograph is kept.
     if (cell_class[c] == -1 || cell_pos[c] == 0) continue;
     if (!(fx < x_end && fy < y_end && fx > (float)hx && fy > (float)hy)) continue;
-    // Written in cell order, in raw pixels.
-    if (mode == 1)
-      write_zavik_star_line(fp, ptcl_clamp_to_int(X + origin.x), ptcl_clamp_to_int(Y + origin.y), cell_psi[c], cell_class[c],
-                            cell_cc[c]);
-    else
-      write_zavik_box_line(fp, ptcl_clamp_to_int((long long)ptcl_trunc_to_int(fx - (float)hx) + origin.x),
-                           ptcl_clamp_to_int((long long)ptcl_trunc_to_int(fy - (float)hy) + origin.y), box_x, box_y,
-                           cell_cc[c], cell_class[c], cell_psi[c]);
+    picks.push_back({fx, fy, cell_cc[c], cell_class[c], cell_psi[c]});
   }
+  return picks;
+}
 
+void write_box_filter_picks(FILE* fp, const std::vector<ZkPick>& picks, int mode, int box_x, int box_y, int2 origin) {
+  if (mode == 1) output_starbox_head(fp);
+  const int hx = box_x / 2, hy = box_y / 2;
+  for (const ZkPick& p : picks) {
+    // In raw pixels: the centre for the .star form, the corner for the box form.
+    const long long X = ptcl_trunc_to_int(p.fx), Y = ptcl_trunc_to_int(p.fy);
+    if (mode == 1)
+      write_zavik_star_line(fp, ptcl_clamp_to_int(X + origin.x), ptcl_clamp_to_int(Y + origin.y), p.psi, p.t, p.cc);
+    else
+      write_zavik_box_line(fp, ptcl_clamp_to_int((long long)ptcl_trunc_to_int(p.fx - (float)hx) + origin.x),
+                           ptcl_clamp_to_int((long long)ptcl_trunc_to_int(p.fy - (float)hy) + origin.y), box_x, box_y,
+                           p.cc, p.t, p.psi);
+  }
+}
+
+int box_filter(int nx, int ny, float min_dist, float cc_cutoff, float shrink, int box_x, int box_y, int2 origin,
+               const char* raw_name, const char* excluded_name, const char* out_name, int mode) {
+  filter_cell(min_dist, __func__, __LINE__);
+  std::string raw;
+  {
+    ZkFilePtr fp_raw(ZK_FOPEN_READ(raw_name, "r"));
+    char buf[1 << 16];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, fp_raw.get())) > 0) raw.append(buf, n);
+  }
+  ZkOutFile out;
+  FILE* fp = zk_out_open(out, out_name);
+  std::vector<PTCL_BOX> excluded;
+  if (!is_str_null(excluded_name) && check_file_access(excluded_name, "FR") == 0)
+    excluded = read_ptcl_box_list(excluded_name);
+  const std::vector<ZkPick> picks = box_filter_picks(nx, ny, min_dist, cc_cutoff, shrink, box_x, box_y, origin,
+                                                     raw.data(), raw.size(), excluded.data(), (int)excluded.size());
+  write_box_filter_picks(fp, picks, mode, box_x, box_y, origin);
   zk_out_commit(out);
   return 0;
 }

@@ -96,10 +96,35 @@ int output_ice_coord(const char* name, const unsigned int* ice, const float* ave
 // outside the nx by ny image is skipped, and so is a centre on pixel (0, 0),
 // whose word would read as "free".  Returns 0.
 int add_excluded_coords_to_ice(unsigned int* d_ice, int nx, int ny, int g, const PTCL_BOX* boxes, int n, int shrink);
-// The same for the boxes of a coordinate file, at most one a cell read; a null
-// name or an unreadable file adds nothing.  Returns 0.
+// The same for every box of a coordinate file; a null name or an unreadable
+// file adds nothing.  Returns 0.
 int add_excluded_boxf_to_ice(unsigned int* d_ice, int nx, int ny, int g, const char* name, int shrink);
 // The cell mask: v in rejected cells, 1 - v in free ones, over the whole image
 // with hard cell-shaped edges.  image is not read.  Returns 0.
 int hcuda_2d_generate_mask_by_coords(float* mask, const float* image, int nx, int ny, int g, const unsigned int* d_ice,
                                      float v);
+
+// Fills the rejected cells of the nx by ny image in place with the smooth
+// background of the free ones, so that a band-pass afterwards sees no step
+// at contamination, carbon or ice and leaves no halo, trough or edge there.
+// The background is the mean of each free cell, spread over the cell grid by
+// a Gaussian of sigma cells (a normalised convolution, so rejected cells weigh
+// nothing), read between cell centres bilinearly.  Free cells keep every
+// pixel; with no free cell nothing changes.  Returns the cells filled.
+int hcuda_2d_fill_rejected_cells(float* d_img, int nx, int ny, int g, const unsigned int* d_ice, float sigma);
+
+// Rejects the small pockets of free cells that rejected cells and the edge of
+// the image enclose (the flat inside of a contamination disc passes the cell
+// scan, which marks only changes): every 4-connected group of at most
+// max_cells free cells gets the word of each cell's centre pixel, when any
+// cell of the grid is rejected.  Returns the cells rejected.
+int close_rejected_pockets(unsigned int* d_ice, int nx, int ny, int g, int max_cells);
+
+// Rejects the free cells next to a rejected one (the eight around it) that
+// hold a pixel beyond k robust deviations (1.4826 times the median absolute
+// deviation) of the free pixels: the rim of a contamination disc or a carbon
+// edge, which the cell scan may leave in a free cell, lies that far out, while
+// ice and particles do not.  A newly
+// rejected cell gets the word of its centre pixel.  Returns the cells
+// rejected.
+int grow_rejected_cells(const float* d_img, unsigned int* d_ice, int nx, int ny, int g, float k);

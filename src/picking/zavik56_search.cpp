@@ -58,6 +58,13 @@ void hcuda_update_ccmax_2d(float* ccmax, const float* cc, int nx, int ny) {
   launch_2d(nx, ny, [=] HD(int x, int y) { cuda_update_ccmax_2d(x, y, ccmax, cc, nx); });
 }
 
+void hcuda_update_noise_max_2d(float* noise, const float* ccmin, int nx, int ny) {
+  launch_2d(nx, ny, [=] HD(int x, int y) {
+    const int i = y * nx + x;
+    if (noise[i] < -ccmin[i]) noise[i] = -ccmin[i];
+  });
+}
+
 float zavik_score_divisor(float sum_T2, float sum_mic2_mask, float sum_mask, float R) {
   // The area of the template's disc, in double with this pi, kept as float.
   const float area = (float)((double)R * 3.141592653589793 * (double)R);
@@ -133,6 +140,7 @@ struct SearchWorker {
   ZkDeviceArray<float> cc;      // batch correlation maps
   ZkDeviceArray<float> ccmax;   // nx*ny partial maxima (host workers after the first)
   ZkDeviceArray<float> psi;
+  ZkDeviceArray<float> ccmin;   // nx*ny partial minima, when asked for
 };
 
 // Bytes of memory available on the back end in force.
@@ -160,9 +168,10 @@ double free_bytes() {
   return (double)si.freeram * si.mem_unit;
 }
 
-// Each of B maps in angle order: ccmax takes cc where strictly greater.
+// Each of B maps in angle order: ccmax takes cc where strictly greater, and
+// ccmin, when asked for, where strictly smaller.
 HDI void cuda_update_ccmax_psi_batch(int x, int y, float* ccmax, const float* cc, float* psi, const float* angles,
-                                     int nb, int nx, int ny) {
+                                     int nb, int nx, int ny, float* ccmin) {
   const int i = y * nx + x;
   const size_t n = (size_t)nx * ny;
   float m = ccmax[i];
@@ -180,6 +189,19 @@ HDI void cuda_update_ccmax_psi_batch(int x, int y, float* ccmax, const float* cc
     ccmax[i] = m;
     if (psi) psi[i] = a;
   }
+  if (ccmin) {
+    float lo = ccmin[i];
+    for (int b = 0; b < nb; ++b) {
+      const float v = cc[b * n + i];
+      if (v < lo) lo = v;
+    }
+    ccmin[i] = lo;
+  }
+}
+
+HDI void cuda_update_ccmin_2d(int x, int y, float* ccmin, const float* cc, int nx) {
+  const int i = y * nx + x;
+  if (cc[i] < ccmin[i]) ccmin[i] = cc[i];
 }
 
 }  // namespace
@@ -228,9 +250,10 @@ void print_dots(int n) {
   fflush(stdout);
 }
 
-// The angles a0 .. a1-1 of template t into (ccmax, psi), one at a time.
+// The angles a0 .. a1-1 of template t into (ccmax, psi) and ccmin, one at a
+// time.
 void search_angles_one_by_one(ZkSearchBank* b, int t, int a0, int a1, SearchWorker& w, float* ccmax, float* psi,
-                              bool dots) {
+                              float* ccmin, bool dots) {
   const float* T = b->d_T + (size_t)t * b->Tx * b->Ty;
   const int nx = b->nx, ny = b->ny, nxh = b->nxh;
   const float scale = (float)ny * (float)nx;
@@ -241,10 +264,21 @@ void search_angles_one_by_one(ZkSearchBank* b, int t, int a0, int a1, SearchWork
     if (!kept) template_spectrum(b, T, angle, w, w.T_f.get());
     hcuda_c2d_multconj_norm(b->mic_f.get(), Tf, w.cc_f.get(), nxh, ny, scale);
     zk_fft_exec_c2r(b->c2r, w.cc_f.get(), w.cc.get());
-    if (psi)
+    if (ccmin) {
+      // One pass over the map for the maxima and the minima.
+      const float* cc = w.cc.get();
+      launch_2d(nx, ny, [=] HD(int x, int y) {
+        if (psi)
+          cuda_update_ccmax_psi_2d(x, y, ccmax, cc, psi, angle, nx);
+        else
+          cuda_update_ccmax_2d(x, y, ccmax, cc, nx);
+        cuda_update_ccmin_2d(x, y, ccmin, cc, nx);
+      });
+    } else if (psi) {
       hcuda_update_ccmax_psi_2d(ccmax, w.cc.get(), psi, angle, nx, ny);
-    else
+    } else {
       hcuda_update_ccmax_2d(ccmax, w.cc.get(), nx, ny);
+    }
     if (dots) {
 #pragma omp critical(zk_search_dots)
       print_dots(1);
@@ -254,7 +288,7 @@ void search_angles_one_by_one(ZkSearchBank* b, int t, int a0, int a1, SearchWork
 
 // The GPU: batches of angles, one product launch, one batched inverse
 // transform and one update launch per batch.
-void search_angles_batched(ZkSearchBank* b, int t, SearchWorker& w, float* ccmax, float* psi) {
+void search_angles_batched(ZkSearchBank* b, int t, SearchWorker& w, float* ccmax, float* psi, float* ccmin) {
   const float* T = b->d_T + (size_t)t * b->Tx * b->Ty;
   const int nx = b->nx, ny = b->ny, nxh = b->nxh, na = (int)b->angles.size();
   const float scale = (float)ny * (float)nx;
@@ -283,7 +317,8 @@ void search_angles_batched(ZkSearchBank* b, int t, SearchWorker& w, float* ccmax
       for (int k = 0; k < nb; ++k) zk_fft_exec_c2r(b->c2r, w.cc_f.get() + k * nspec, w.cc.get() + k * b->npix);
     const float* cc = w.cc.get();
     const float* ang = b->d_angles.get() + a0;
-    launch_2d(nx, ny, [=] HD(int x, int y) { cuda_update_ccmax_psi_batch(x, y, ccmax, cc, psi, ang, nb, nx, ny); });
+    launch_2d(nx, ny,
+              [=] HD(int x, int y) { cuda_update_ccmax_psi_batch(x, y, ccmax, cc, psi, ang, nb, nx, ny, ccmin); });
     print_dots(nb);
   }
 }
@@ -352,18 +387,21 @@ void zavik_search_bank_set_micrograph(ZkSearchBank* b, const float* mic, const f
   b->sum_mask = hcuda_fast_sum(mask, b->npix);
 }
 
-void zavik_search_bank_run(ZkSearchBank* b, int t, float* ccmax, float* psi, int do_psi) {
+void zavik_search_bank_run(ZkSearchBank* b, int t, float* ccmax, float* psi, int do_psi, float* ccmin) {
   const int nx = b->nx, ny = b->ny, na = (int)b->angles.size();
   float* psi_or_null = (do_psi && psi) ? psi : nullptr;
   hcuda_2d_memset(ccmax, -INFINITY, nx, ny);
+  if (ccmin) hcuda_2d_memset(ccmin, INFINITY, nx, ny);
   if (zk_on_gpu()) {
-    search_angles_batched(b, t, b->workers[0], ccmax, psi_or_null);
+    search_angles_batched(b, t, b->workers[0], ccmax, psi_or_null, ccmin);
   } else if (b->threads == 1) {
-    search_angles_one_by_one(b, t, 0, na, b->workers[0], ccmax, psi_or_null, true);
+    search_angles_one_by_one(b, t, 0, na, b->workers[0], ccmax, psi_or_null, ccmin, true);
   } else {
     // Contiguous runs of angles per thread; merged in angle order with the
     // same strict rule, so that the earliest best angle wins as before.
     const int K = b->threads;
+    for (int k = 1; k < K && ccmin; ++k)
+      if (!b->workers[k].ccmin.get()) b->workers[k].ccmin.allocate(b->npix);
 #pragma omp parallel num_threads(K)
     {
       const int k = omp_get_thread_num();
@@ -371,8 +409,13 @@ void zavik_search_bank_run(ZkSearchBank* b, int t, float* ccmax, float* psi, int
       SearchWorker& w = b->workers[k];
       float* m = k == 0 ? ccmax : w.ccmax.get();
       float* p = k == 0 ? psi_or_null : (psi_or_null ? w.psi.get() : nullptr);
+      float* lo = nullptr;
+      if (ccmin) {
+        lo = k == 0 ? ccmin : w.ccmin.get();
+        if (k > 0) hcuda_2d_memset(lo, INFINITY, nx, ny);
+      }
       if (k > 0) hcuda_2d_memset(m, -INFINITY, nx, ny);
-      search_angles_one_by_one(b, t, a0, a1, w, m, p, true);
+      search_angles_one_by_one(b, t, a0, a1, w, m, p, lo, true);
     }
     for (int k = 1; k < K; ++k) {
       if (psi_or_null)
@@ -380,6 +423,10 @@ void zavik_search_bank_run(ZkSearchBank* b, int t, float* ccmax, float* psi, int
                                       ny);
       else
         hcuda_update_ccmax_2d(ccmax, b->workers[k].ccmax.get(), nx, ny);
+      if (ccmin) {
+        const float* other = b->workers[k].ccmin.get();
+        launch_2d(nx, ny, [=] HD(int x, int y) { cuda_update_ccmin_2d(x, y, ccmin, other, nx); });
+      }
     }
   }
   printf("\n");
@@ -387,6 +434,10 @@ void zavik_search_bank_run(ZkSearchBank* b, int t, float* ccmax, float* psi, int
   hcuda_2d_swap_ccf_inplace(ccmax, nx, ny);
   if (psi_or_null) hcuda_2d_swap_ccf_inplace(psi_or_null, nx, ny);
   hcuda_2d_divide_inplace(ccmax, nx, ny, D);
+  if (ccmin) {
+    hcuda_2d_swap_ccf_inplace(ccmin, nx, ny);
+    hcuda_2d_divide_inplace(ccmin, nx, ny, D);
+  }
 }
 
 int zavik_search_bank_kept(const ZkSearchBank* b) {

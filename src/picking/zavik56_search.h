@@ -24,6 +24,10 @@ void hcuda_update_ccmax_2d(float* ccmax, const float* cc, int nx, int ny);
 void hcuda_update_ccmax_psi_2d_map(float* ccmax, const float* other, float* psi, const float* other_psi, int nx,
                                    int ny);
 
+// noise = -ccmin where that is larger: the sign-turned minima of several
+// templates gathered as the scores are.
+void hcuda_update_noise_max_2d(float* noise, const float* ccmin, int nx, int ny);
+
 // The score's divisor D from sum T^2, sum(mic^2 mask), sum mask and the
 // template radius R, in the order the search uses.
 float zavik_score_divisor(float sum_T2, float sum_mic2_mask, float sum_mask, float R);
@@ -50,8 +54,12 @@ ZkSearchBank* zavik_search_bank_create(const float* d_T, int Nt, int Tx, int Ty,
 // The micrograph and mask of the following searches (device arrays of nx by ny).
 void zavik_search_bank_set_micrograph(ZkSearchBank* bank, const float* mic, const float* mask);
 // The search of template t on the micrograph set last; as
-// zavik_ccmax_psi_by_one_template, dots included.
-void zavik_search_bank_run(ZkSearchBank* bank, int t, float* ccmax, float* psi, int do_psi);
+// zavik_ccmax_psi_by_one_template, dots included.  With ccmin (a device array
+// of nx by ny, or null) the smallest correlation over the angles comes too,
+// placed and divided like the scores.  Noise reaches as deep below zero as it
+// reaches above, while dark particles raise only the maxima, so the minima
+// tell how high noise alone lets a score go.
+void zavik_search_bank_run(ZkSearchBank* bank, int t, float* ccmax, float* psi, int do_psi, float* ccmin = nullptr);
 // How many templates have their spectra kept.
 int zavik_search_bank_kept(const ZkSearchBank* bank);
 void zavik_search_bank_destroy(ZkSearchBank* bank);

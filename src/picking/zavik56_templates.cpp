@@ -36,6 +36,17 @@ float* get_template_data(int& Tx, int& Ty, int& Nt, const char* T) {
     ZK_FATAL_AFTER(zk_format("Template file %s has no usable size or mode in its head: Nx %d, Ny %d, Nz %d, mode %d.\n",
                              T, head.nx, head.ny, head.nz, head.mode),
                    "unusable template file");
+  // The file must hold what its head promises before the stack is allocated:
+  // a short or truncated stack is refused rather than read as zeros, and an
+  // absurd head does not ask for gigabytes.
+  fseek(fp.get(), 0, SEEK_END);
+  const long long size = ftell(fp.get());
+  const long long need =
+      mrc_data_offset(&head) + (long long)head.nx * head.ny * head.nz * mrc_mode_bytes(head.mode);
+  if (head.next < 0 || size < need)
+    ZK_FATAL_AFTER(zk_format("Template file %s is shorter than its head promises: %lld bytes, at least %lld needed.\n",
+                             T, size, need),
+                   "unusable template file");
   Tx = head.nx;
   Ty = head.ny;
   Nt = head.nz;
