@@ -7,7 +7,7 @@
 #include "core/str_utils.h"
 
 const char* const lombar_version = "1.0";
-const char* const lombar_updated_date = "2026-11-24";
+const char* const lombar_updated_date = "2026-11-23";
 
 const char* const LOMBAR_OPTIONS[LOMBAR_N_OPTION_ROWS] = {
     "         --apix              1.34             Pixel size in angstrom;\n",
