@@ -84,7 +84,7 @@ Log read_log(const std::string& path) {
 // each element by its own angle.
 std::vector<double> reference_particle(const std::vector<float>& movie, int n, int F, int x0, int y0, int box,
                                        const Log& log, double apix, double Db, const std::vector<double>& ctfw) {
-  std::vector<cd> sum((size_t)box * box, 0.0), spec((size_t)box * box);
+  std::vector<cd> sum((size_t)box * box, 0.0), spectrum((size_t)box * box);
   std::vector<double> wsum((size_t)box * box, 0.0);
   auto half_freq = [&](int kx, int ky, int& fx, int& fy) {
     if (kx > box / 2) {
@@ -96,8 +96,8 @@ std::vector<double> reference_particle(const std::vector<float>& movie, int n, i
   };
   for (int f = 0; f < F; ++f) {
     for (int j = 0; j < box; ++j)
-      for (int i = 0; i < box; ++i) spec[(size_t)j * box + i] = movie[((size_t)f * n + y0 + j) * n + x0 + i];
-    dft2(spec, box, -1);
+      for (int i = 0; i < box; ++i) spectrum[(size_t)j * box + i] = movie[((size_t)f * n + y0 + j) * n + x0 + i];
+    dft2(spectrum, box, -1);
     for (int ky = 0; ky < box; ++ky)
       for (int kx = 0; kx < box; ++kx) {
         int fx, fy;
@@ -109,7 +109,7 @@ std::vector<double> reference_particle(const std::vector<float>& movie, int n, i
           const double K = 2 * PI * s * apix * hypot(log.dx[f], log.dy[f]) * ((1 - Db) * c + Db);
           w = exp(-0.5 * log.dose[f] * pow(s, 1.3)) * (K == 0 ? 1 : sin(K) / K);
         }
-        sum[(size_t)ky * box + kx] += w * spec[(size_t)ky * box + kx];
+        sum[(size_t)ky * box + kx] += w * spectrum[(size_t)ky * box + kx];
         wsum[(size_t)ky * box + kx] += w * w;
       }
   }

@@ -217,7 +217,7 @@ int main(int argc, char** argv) {
   std::mt19937_64 rng(p.seed);
   std::normal_distribution<double> gauss(0.0, 1.0);
   const int nx = p.nx, ny = p.ny;
-  const std::vector<float> spec = specimen_image(p, rng);
+  const std::vector<float> specimen = specimen_image(p, rng);
 
   // Illumination: a slope and a broad hump, counts around 100.
   std::vector<float> base((size_t)nx * ny);
@@ -236,7 +236,7 @@ int main(int argc, char** argv) {
   for (int k = 0; k < nz; ++k) {
     float* f = out.data() + (size_t)k * nx * ny;
     for (size_t i = 0; i < (size_t)nx * ny; ++i)
-      f[i] = (float)((base[i] + 2.0 * spec[i] + 2.0 * frame_noise * gauss(rng)) / nz);
+      f[i] = (float)((base[i] + 2.0 * specimen[i] + 2.0 * frame_noise * gauss(rng)) / nz);
   }
   write_mrc(p.out, out, nx, ny, nz);
   if (!p.truth.empty()) append_truth(p);

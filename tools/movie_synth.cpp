@@ -188,8 +188,8 @@ int main(int argc, char** argv) {
         clean[(size_t)(cy[k] - b / 2 + j) * n + cx[k] - b / 2 + i] -= (float)part[(size_t)j * b + i];
   std::copy(clean.begin(), clean.end(), fft.real);
   fftwf_execute(fft.fwd);
-  std::vector<fftwf_complex> spec((size_t)nh * n);
-  for (size_t k = 0; k < spec.size(); ++k) spec[k][0] = fft.half[k][0], spec[k][1] = fft.half[k][1];
+  std::vector<fftwf_complex> spectrum((size_t)nh * n);
+  for (size_t k = 0; k < spectrum.size(); ++k) spectrum[k][0] = fft.half[k][0], spectrum[k][1] = fft.half[k][1];
 
   // The round CTF through the project's model.
   const CTF_INFO ctf((float)p.kv, (float)p.cs, (float)p.ac, 0.0f, (float)(p.defocus * 1e4), (float)(p.defocus * 1e4),
@@ -215,8 +215,8 @@ int main(int argc, char** argv) {
       for (int kx = 0; kx < nh; ++kx) {
         const double t = transfer(kx, fy) / ((double)n * n);
         const size_t k = (size_t)ky * nh + kx;
-        fft.half[k][0] = (float)(spec[k][0] * t);
-        fft.half[k][1] = (float)(spec[k][1] * t);
+        fft.half[k][0] = (float)(spectrum[k][0] * t);
+        fft.half[k][1] = (float)(spectrum[k][1] * t);
       }
     }
     fftwf_execute(fft.inv);

@@ -11,7 +11,7 @@
 
 namespace {
 
-// Temporary files still open; removed if the process ends through exit()
+// Temporary files still open; removed if the process ends through a call of exit
 // or a stop signal before their records are gone.
 constexpr int kMaxOpen = 64;
 char g_open[kMaxOpen][ZK_TXT_LEN + 32];

@@ -133,10 +133,10 @@ void wave_batched(const LOMBAR_PARA* para, const ParticleFrames& src, const Wave
   for (int p0 = 0; p0 < job.P; p0 += B) {
     const int np = job.P - p0 < B ? job.P - p0 : B;
     src.to_device(p0, np, job.first, nf, d_frames.get());
-    float2* spec = d_spec.get();
-    hcuda_2ds_fft_r2c(d_frames.get(), spec, job.nx, ny, (unsigned)(np * nf));
-    launch_1d((size_t)np * nf * plane, [=] HD(unsigned int k) { spec[k] = make_f2(spec[k].x / f, spec[k].y / f); });
-    hcuda_2ds_fft_wtable_wave_many(spec, d_ave.get(), nxh, ny, nf, np, d_W.get(), d_norm.get(), d_cw.get());
+    float2* spectra = d_spec.get();
+    hcuda_2ds_fft_r2c(d_frames.get(), spectra, job.nx, ny, (unsigned)(np * nf));
+    launch_1d((size_t)np * nf * plane, [=] HD(unsigned int k) { spectra[k] = make_f2(spectra[k].x / f, spectra[k].y / f); });
+    hcuda_2ds_fft_wtable_wave_many(spectra, d_ave.get(), nxh, ny, nf, np, d_W.get(), d_norm.get(), d_cw.get());
     float* out = d_out.get();
     hcuda_2ds_fft_c2r(d_ave.get(), out, job.nx, ny, (unsigned)np);
     launch_1d((size_t)np * image, [=] HD(unsigned int k) { out[k] = out[k] / f; });
@@ -153,7 +153,7 @@ void wave_batched(const LOMBAR_PARA* para, const ParticleFrames& src, const Wave
 void wave_staged(const LOMBAR_PARA* para, const ParticleFrames& src, const WaveJob& job, float* result) {
   const GPS_PARA& g = para->gps;
   const size_t plane = job.plane(), image = job.image();
-  std::vector<float2> spec(plane * job.nf), ave(plane);
+  std::vector<float2> spectra(plane * job.nf), ave(plane);
   const float* dose = para->dose.data() + job.first;
   const float2* drift = para->drift.data() + job.first;
   const int nw = job.last - job.first;
@@ -164,24 +164,24 @@ void wave_staged(const LOMBAR_PARA* para, const ParticleFrames& src, const WaveJ
     switch (g.device) {
       case 2:
         printf("fft ... \n");
-        gpu_2ds_fft_r2c(frames, spec.data(), job.nx, job.ny, job.nf);
+        gpu_2ds_fft_r2c(frames, spectra.data(), job.nx, job.ny, job.nf);
         printf("weighting ...\n");
-        gpu_2ds_fft_dose_dft_ctf_wave(para->apix, spec.data(), ave.data(), job.nxh, job.ny, job.nf, dose, drift,
+        gpu_2ds_fft_dose_dft_ctf_wave(para->apix, spectra.data(), ave.data(), job.nxh, job.ny, job.nf, dose, drift,
                                       para->ctfw.data(), g);
         printf("invert fft ...\n");
         gpu_2d_fft_c2r(ave.data(), img, job.nx, job.ny);
         break;
       case 1:
         printf("\n");
-        gpu_2ds_fft_r2c(frames, spec.data(), job.nx, job.ny, job.nf);
+        gpu_2ds_fft_r2c(frames, spectra.data(), job.nx, job.ny, job.nf);
         printf("\n");
-        cpu_2ds_fft_dose_dft_ctf_wave(para->apix, spec.data(), ave.data(), job.nxh, job.ny, job.nf, dose, drift, g);
+        cpu_2ds_fft_dose_dft_ctf_wave(para->apix, spectra.data(), ave.data(), job.nxh, job.ny, job.nf, dose, drift, g);
         gpu_2d_fft_c2r(ave.data(), img, job.nx, job.ny);
         break;
       case 3:
         printf("device %d first%d last %d\n", 3, job.first, job.last);
-        gpu_2ds_fft_r2c(frames, spec.data(), job.nx, job.ny, job.nf);
-        cpu_2ds_fftout_r2c_ave(ave.data(), spec.data(), job.nx, job.ny, job.nf);
+        gpu_2ds_fft_r2c(frames, spectra.data(), job.nx, job.ny, job.nf);
+        cpu_2ds_fftout_r2c_ave(ave.data(), spectra.data(), job.nx, job.ny, job.nf);
         gpu_2d_fft_c2r(ave.data(), img, job.nx, job.ny);
         break;
       case 4:
