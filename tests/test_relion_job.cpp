@@ -210,6 +210,8 @@ TEST(RelionJob, PickAndCtfJobsFeedRelionExtraction) {
 TEST(RelionJob, AFailedJobLeavesTheFailureMarker) {
   ZkTmpDir dir;
   std::string out;
+  EXPECT_EQ(zk_run(std::string(ZAVIK_RELION_BIN) + " --help", &out), 0);
+  EXPECT_TRUE(zk_has(out, "Usage: ")) << out;
   EXPECT_EQ(zk_run(in_dir(dir, std::string(ZAVIK_RELION_BIN) + " --o External/job003 --in_mics none.star"), &out), 1);
   EXPECT_TRUE(zk_has(out, "Cannot open file none.star")) << out;
   EXPECT_TRUE(zk_exists(dir / "External/job003/RELION_JOB_EXIT_FAILURE"));

@@ -186,6 +186,17 @@ void start_job(const ZkRelionJob& job) {
 
 void finish_job(const ZkRelionJob& job) { touch(job.control_dir + kSuccess); }
 
+// True, after the usage, when the command line asks for help or is empty.
+bool usage(int argc, char** argv, const char* what, const char* example) {
+  if (argc >= 2 && !is_keywd_help(argv[1])) return false;
+  printf(
+      "Usage: %s --o <job folder> --in_mics <micrographs STAR file> [%s options]\n"
+      "Runs %s as a RELION External job on the micrographs of the list; the results go into the job folder.\n"
+      "Example: %s --o External/job007/ --in_mics MotionCorr/job002/corrected_micrographs.star %s\n",
+      argv[0], what, what, argv[0], example);
+  return true;
+}
+
 }  // namespace
 
 ZkRelionJob relion_job_arguments(int argc, char** argv) {
@@ -232,6 +243,7 @@ std::string relion_job_result_name(const std::string& out_dir, const std::string
 }
 
 int zavik_relion_job(int argc, char** argv) {
+  if (usage(argc, argv, "zavik", "--diameter 180")) return 0;
   const ZkRelionJob job = relion_job_arguments(argc, argv);
   start_job(job);
   const JobList l = read_list(job);
@@ -302,6 +314,7 @@ ZkStarTable optics_used(const JobList& l, const Words& options) {
 }  // namespace
 
 int kesmar_relion_job(int argc, char** argv) {
+  if (usage(argc, argv, "kesmar", "--boxsize 512")) return 0;
   ZkRelionJob job = relion_job_arguments(argc, argv);
   start_job(job);
   const JobList l = read_list(job);

@@ -33,7 +33,8 @@ ZkRelionJob relion_job_arguments(int argc, char** argv);
 // job folder, throws the fatal report.
 std::string relion_job_result_name(const std::string& out_dir, const std::string& mic);
 
-// The jobs, each ending with RELION_JOB_EXIT_SUCCESS; returns 0.  A failure is
+// The jobs, each ending with RELION_JOB_EXIT_SUCCESS; returns 0.  An empty
+// command line or a first word --help prints the usage instead.  A failure is
 // thrown as its report, for the program to print and to mark with
 // relion_job_mark_failure.  The picker leaves "<name>_zavik.star" per micrograph and the node
 // "coords_suffix_zavik.star" (coordinates, type 2), which holds the name of
