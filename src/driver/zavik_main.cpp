@@ -91,6 +91,7 @@ void set_output_names(ZkRun* run, const char* mic) {
   set_outname_by_suffix(run->mask_name, mic, "_mask.mrc");
   set_outname_by_suffix(run->bgfree_name, mic, "_bgfree.mrc");
   set_outname_by_suffix(run->ccmax_name, mic, "_ccmax.mrc");
+  set_outname_by_suffix(run->png_name, mic, "_zavik.png");
 }
 
 // The next micrograph's slice 0, read by a second thread while the current
@@ -251,6 +252,7 @@ void pick_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic) {
   zavik_stage_box_filter(run);
   run->raw.reset();
   run->nonunique_out.reset();
+  if (para->png) zavik_stage_write_picture(run);
   if (para->extract_raw) zavik_stage_extract(run, mic);
   printf("File %s finished.\n", mic);
   zk_clock_close(clock, "PICKING");

@@ -79,10 +79,11 @@ const ZkOption OPTIONS[] = {
     ZK_OPT(extract_pf, OPT_FLAG, "%d", false),
     ZK_OPT(gid, OPT_INT, "%d", true),
     ZK_OPT(fill_rejected, OPT_FLAG, "%d", false),
+    ZK_OPT(png, OPT_INT, "%d", true),
 };
 #undef ZK_OPT
 constexpr int N_OPTIONS = (int)(sizeof OPTIONS / sizeof OPTIONS[0]);
-static_assert(N_OPTIONS == 47, "the record has 47 option words");
+static_assert(N_OPTIONS == 48, "the record has 48 option words");
 
 int find_option(const char* word) {
   for (int k = 0; k < N_OPTIONS; ++k)
@@ -222,6 +223,7 @@ void zavik_init_parameters(int argc, Zavik_Para* para) {
   para->first_mic = nullptr;
   para->cc_auto = 0;
   para->fill_rejected = 0;
+  para->png = 0;
 }
 
 void zavik_free_parameters(Zavik_Para* para) {
@@ -313,6 +315,7 @@ void zavik_get_parameters(int argc, char** argv, Zavik_Para* para) {
       {"pre_lp", 0, 1e9, false},    {"pre_hp", 0, 1e9, false},     {"lsigma_D", 0, 1e9, false},
       {"lave_D", 0, 1e9, false},    {"center1_ratio", 0, 1, true}, {"kV", 0, 1e4, false},
       {"cs", 0, 1e3, true},         {"ac", 0, 1, true},            {"gid", 0, 1e6, true},
+      {"png", 0, 1024, true},
   };
   for (const Range& r : ranges) {
     const int k = option_index(r.word);
@@ -460,6 +463,10 @@ void zavik_fput_parameters(int argc, char** argv, Zavik_Para* para, FILE* fp) {
   put_used_rows(fp, para, ctf, 5);
   fprintf(fp, "I/O options:  \n");
   put_used_rows(fp, para, io, (int)(sizeof io / sizeof io[0]));
+  if (para->png) {
+    static const char* const picture[] = {"png"};
+    put_used_rows(fp, para, picture, 1);
+  }
 
   fprintf(fp, "\n\nAll %d files to be used:\n", para->n_files);
   for (int i = 0; i < para->n_files; ++i) fprintf(fp, "        %s\n", para->files[i]);

@@ -71,6 +71,9 @@ struct Zavik_Para {
   // with the surrounding background before the band-pass.
   int cc_auto;
   int fill_rejected;
+  // --png N: a picture of each micrograph and its picks, binned N times,
+  // "_zavik.png"; 0 (the default) writes none.
+  int png;
 };
 
 // Allocates files (argc pointers) and the three name buffers, stores "NULL" in

@@ -85,6 +85,7 @@ struct ZkRun {
   char mask_name[ZK_TXT_LEN];
   char bgfree_name[ZK_TXT_LEN];
   char ccmax_name[ZK_TXT_LEN];
+  char png_name[ZK_TXT_LEN];
 
   std::unique_ptr<ZkSearchBank, ZkSearchBankDeleter> bank;  // the run's search, when shortcuts.run_search
 
@@ -94,6 +95,8 @@ struct ZkRun {
   // when the micrograph is read.
   std::unique_ptr<ZkMemText> raw;
   std::unique_ptr<ZkOutFile> nonunique_out;
+  // The final picks of the current micrograph, for its picture.
+  std::vector<ZkPick> picks;
 
   // Micrographs that could not be picked, each by its reason (a line that
   // names it); the closing banner lists them.
@@ -160,5 +163,7 @@ void zavik_apply_auto_cutoff(ZkRun* run, std::vector<ZkPick>& picks);
 // "_zavik.box" and, under --write_star, "_zavik.star".  Both results are
 // written in full before either is renamed into place.
 void zavik_stage_box_filter(ZkRun* run);
+// "_zavik.png" under --png: the micrograph, its rejected cells and its picks.
+void zavik_stage_write_picture(ZkRun* run);
 // Particle stacks from the micrograph and its "_zavik.box".
 void zavik_stage_extract(ZkRun* run, const char* mic);

@@ -11,11 +11,13 @@
 #include "device/process2d_raw.h"
 #include "driver/zavik_run.h"
 #include "formats/mrcfile.h"
+#include "formats/pngfile.h"
 #include "imagefile/mrc_device.h"
 #include "picking/auto_cutoff.h"
 #include "picking/box_filter.h"
 #include "picking/extract.h"
 #include "picking/img_filter.h"
+#include "picking/pick_picture.h"
 #include "picking/zavik56_grids.h"
 #include "picking/zavik56_ice.h"
 #include "picking/zavik56_search.h"
@@ -295,6 +297,22 @@ void zavik_stage_box_filter(ZkRun* run) {
     write_box_filter_picks(zk_out_open(star, run->star_name), picks, 1, para->boxsize, para->boxsize, run->origin);
   zk_out_commit(box);
   if (para->write_star) zk_out_commit(star);
+  run->picks.swap(picks);
+}
+
+void zavik_stage_write_picture(ZkRun* run) {
+  const Zavik_Para* para = run->para;
+  const size_t LL = (size_t)run->L * run->L;
+  ZkPicture pic = pick_picture_grey(run->h_raw.data(), run->Nx, run->Ny, para->png);
+  std::vector<float> mask(LL);
+  ZK_CHECK(memcpy_D2H(mask.data(), run->d_mask.get(), LL * sizeof(float)));
+  pick_picture_shade_rejected(&pic, mask.data(), run->L, para->shrink, para->png);
+  // Where the coordinate files put the centres, the diameter in samples.
+  const float diameter = para->diameter / para->apixM;
+  for (const ZkPick& p : run->picks)
+    pick_picture_draw_circle(&pic, (float)(ptcl_trunc_to_int(p.fx) + run->origin.x),
+                             (float)(ptcl_trunc_to_int(p.fy) + run->origin.y), diameter, para->png);
+  pngf_write_rgb(run->png_name, pic.rgb.data(), pic.nx, pic.ny);
 }
 
 void zavik_stage_extract(ZkRun* run, const char* mic) {
