@@ -10,8 +10,8 @@
 
 namespace {
 
-const PUVA START[5] = {{0, 1000, 2000, 10}, {4, 900, 2000, 10}, {0, 900, 2100, 10}, {0, 1000, 2100, 40},
-                       {4, 1000, 2000, 40}};
+const PUVA START[5] = {
+    {0, 1000, 2000, 10}, {4, 900, 2000, 10}, {0, 900, 2100, 10}, {0, 1000, 2100, 40}, {4, 1000, 2000, 40}};
 
 TEST(CtfSimplex, MovesAreCentreReflectionAndExtension) {
   // Hand sums: ps 8/5, U 4800/5, V 10200/5, A 110/5.
@@ -49,17 +49,21 @@ float bowl(PUVA q) {
 
 TEST(CtfSimplex, FindsKnownMaximumWithBothStrategies) {
   for (int strategy : {2, 3}) {
-    PUVA s[5] = {{30, 11000, 12000, 20}, {30, 10000, 12000, 20}, {30, 10000, 13000, 20}, {30, 11000, 13000, 50},
+    PUVA s[5] = {{30, 11000, 12000, 20},
+                 {30, 10000, 12000, 20},
+                 {30, 10000, 13000, 20},
+                 {30, 11000, 13000, 50},
                  {30, 11000, 12000, 50}};
     int best = -1;
     float score = 0;
     int evaluations = 0;
-    const int cycles = ctf_simplex_search(s, strategy, CTF_SIMPLEX_TOL{0.2f, 2.0f, 0.5f}, 300,
-                                          [&](PUVA q) {
-                                            ++evaluations;
-                                            return bowl(q);
-                                          },
-                                          best, score);
+    const int cycles = ctf_simplex_search(
+        s, strategy, CTF_SIMPLEX_TOL{0.2f, 2.0f, 0.5f}, 300,
+        [&](PUVA q) {
+          ++evaluations;
+          return bowl(q);
+        },
+        best, score);
     SCOPED_TRACE(strategy);
     EXPECT_LT(cycles, 300);
     EXPECT_EQ(s[best].ps, 30.0f);
@@ -78,9 +82,9 @@ TEST(CtfSimplex, FlatScoreNeverMovesAndRunsOut) {
   int best = -1;
   float score = 0;
   // No centre, reflection or extension scores above the worst vertex.
-  const int cycles = ctf_simplex_search(s, 2, CTF_SIMPLEX_TOL{0.2f, 2.0f, 0.5f}, 300,
-                                        [](PUVA q) { return q.defU >= 1000 || q.defA == 40 ? q.defA : -1e6f; },
-                                        best, score);
+  const int cycles = ctf_simplex_search(
+      s, 2, CTF_SIMPLEX_TOL{0.2f, 2.0f, 0.5f}, 300,
+      [](PUVA q) { return q.defU >= 1000 || q.defA == 40 ? q.defA : -1e6f; }, best, score);
   EXPECT_EQ(cycles, 300);
   EXPECT_EQ(best, 3);  // first of the two vertices at angle 40
   for (int i = 0; i < 5; ++i) EXPECT_EQ(s[i].defU, START[i].defU);

@@ -291,7 +291,6 @@ void append_truth(const Para& p) {
   fclose(fp);
 }
 
-
 // Random particle boxes wholly inside the image, their box file and the
 // defocus at each centre, the mean over the frames.
 void write_particles(const Para& p, std::mt19937_64& rng) {

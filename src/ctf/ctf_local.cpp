@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -44,9 +45,8 @@ void hcuda_2ds_fft_amp_local_w1d_gen(float* d_w, int n, const float* d_dist, flo
 
 void hcuda_2d_fft_amp_local_w2d_gen(float* d_w, int nx, int ny, float d, float R, float apix, float res) {
   const int nxh = nx / 2 + 1;
-  launch_2d(nxh, ny, [=] HD(int x, int y) {
-    d_w[(size_t)y * nxh + x] = local_weight(d, R, half_s(x, y, nxh, ny, apix), res);
-  });
+  launch_2d(nxh, ny,
+            [=] HD(int x, int y) { d_w[(size_t)y * nxh + x] = local_weight(d, R, half_s(x, y, nxh, ny, apix), res); });
 }
 
 void cpu_2d_fft_amp_local_w2d_gen(float* h_w, int nx, int ny, float d, float R, float apix, float res) {
@@ -66,8 +66,7 @@ void hcuda_2ds_fft_amp_local_w2ds_gen(float* d_w, int nx, int ny, int n, const f
 }
 
 void cpu_2d_fft_amp_local_w1d_gen(float* h_w, int n, float d, float R, float apix, float res) {
-  for (int i = 0; i < n; ++i)
-    h_w[i] = local_weight(d, R, (float)i / (2.0f * (float)(n - 1) * apix), res);
+  for (int i = 0; i < n; ++i) h_w[i] = local_weight(d, R, (float)i / (2.0f * (float)(n - 1) * apix), res);
 }
 
 int hcuda_2d_read_ptcls_to_2ds_from_boxes(float* d_out, const float* d_image, int nx, int ny, const PTCL_BOX* boxes,
@@ -132,9 +131,10 @@ namespace {
 }
 
 void skip_warning(const char* func, int line, const char* what, const char* box_name) {
-  printf("\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the box file %s %s! Local refinement "
-         "automatically ignored! Maybe you want to check the option '--boxsuffix' as well. \x1b[m\n\n",
-         func, zk_basename(__FILE__), line, box_name, what);
+  printf(
+      "\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the box file %s %s! Local refinement "
+      "automatically ignored! Maybe you want to check the option '--boxsuffix' as well. \x1b[m\n\n",
+      func, zk_basename(__FILE__), line, box_name, what);
   fflush(stdout);
 }
 
@@ -216,8 +216,8 @@ int ctf_local_refine_boxf(const char* mic_name, const char* box_name, const floa
   int step = (int)((1.0 - (double)overlap) * (double)box);
   if (step < 1) step = 1;
   std::vector<PTCL_BOX> disc((size_t)CTF_LOCAL_MAX_BOXES);
-  const int max_disc = auto_generate_neighbor_boxes(disc.data(), CTF_LOCAL_MAX_BOXES, one_new_ptcl_box(), radius,
-                                                    box, step);
+  const int max_disc =
+      auto_generate_neighbor_boxes(disc.data(), CTF_LOCAL_MAX_BOXES, one_new_ptcl_box(), radius, box, step);
   const int m = max_disc > 0 ? max_disc : 1;
 
   // Outputs, each renamed into place only when every particle is written.
@@ -244,11 +244,23 @@ int ctf_local_refine_boxf(const char* mic_name, const char* box_name, const floa
   for (int ip = 0; ip < n_ptcl; ++ip) {
     const PTCL_BOX& p = list[(size_t)ip];
     const int cx = (int)ptcl_centre_x(p), cy = (int)ptcl_centre_y(p);
-    const int nd = auto_generate_neighbor_boxes(disc.data(), m, p, radius, box, step);
+    // The disc is centred on the particle, or, for a particle nearer an edge
+    // than half a box, on the nearest point whose own box lies inside; a box
+    // counts only with its mirror through that centre, so that the disc stays
+    // symmetric and a defocus gradient (a tilted specimen) averages out.
+    const long long ccx = std::min(std::max((long long)cx, (long long)box / 2), (long long)(nx - box + box / 2));
+    const long long ccy = std::min(std::max((long long)cy, (long long)box / 2), (long long)(ny - box + box / 2));
+    PTCL_BOX centre = one_new_ptcl_box();
+    centre.x = (int)ccx;
+    centre.y = (int)ccy;
+    const int nd = auto_generate_neighbor_boxes(disc.data(), m, centre, radius, box, step);
+    auto fits = [&](long long x, long long y) { return x >= 0 && y >= 0 && x + box <= nx && y + box <= ny; };
     int n = 0;
     for (int k = 0; k < nd; ++k) {
       const PTCL_BOX& b = disc[(size_t)k];
-      if (b.x < 0 || b.y < 0 || (long long)b.x + box > nx || (long long)b.y + box > ny) continue;
+      const long long mx = 2 * ccx - ((long long)b.x + box / 2) - box / 2;
+      const long long my = 2 * ccy - ((long long)b.y + box / 2) - box / 2;
+      if (!fits(b.x, b.y) || !fits(mx, my)) continue;
       inside[(size_t)n] = b;
       dist[(size_t)n] = b.dist;
       ++n;

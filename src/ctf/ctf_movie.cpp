@@ -51,8 +51,8 @@ int ctf_movie_stack_refine(const float* h_stack, int nx, int ny, int nz, float a
       hcuda_ctfrefine_half2d_local(d_sum.get(), d_tmp.get(), gU, gV, gA, gc, apix, boxsize, boxsize, kV, Cs, ac, ps, U,
                                    V, A, err / 10.0f, 1.0f, B, resL, resH, log);
     // The mean defocus from the same start always gives U, V and the score.
-    hcuda_ctfrefine_half2d_only_defave(d_sum.get(), d_tmp.get(), gU, gV, gc, apix, boxsize, boxsize, kV, Cs, ac, ps,
-                                       U, V, A, err / 10.0f, B, resL, resH, log);
+    hcuda_ctfrefine_half2d_only_defave(d_sum.get(), d_tmp.get(), gU, gV, gc, apix, boxsize, boxsize, kV, Cs, ac, ps, U,
+                                       V, A, err / 10.0f, B, resL, resH, log);
     fU[(size_t)c] = gU;
     fV[(size_t)c] = gV;
     fA[(size_t)c] = gA;

@@ -99,13 +99,11 @@ int run_cycles(const Search& s, State& st, bool move_A, bool move_dif) {
     else
       A_done = true;
     if (fabsf(st.mean1 - st.mean2) > kTolUV)
-      step(st.mean1, st.mean2, st.c1, jit.unit() * kTolUV / 20.0f,
-           [&](float m) { return s.score(m, st.dif1, st.A1); });
+      step(st.mean1, st.mean2, st.c1, jit.unit() * kTolUV / 20.0f, [&](float m) { return s.score(m, st.dif1, st.A1); });
     else
       ave_done = true;
     if (move_dif && fabsf(st.dif1 - st.dif2) > kTolUV)
-      step(st.dif1, st.dif2, st.c1, jit.unit() * kTolUV / 20.0f,
-           [&](float d) { return s.score(st.mean1, d, st.A1); });
+      step(st.dif1, st.dif2, st.c1, jit.unit() * kTolUV / 20.0f, [&](float d) { return s.score(st.mean1, d, st.A1); });
     else
       dif_done = true;
     if (A_done && ave_done && dif_done) break;
@@ -137,8 +135,8 @@ State start_three(const Search& s, float U0, float V0, float A0, float err_ave, 
   return st;
 }
 
-int refine_three(const Search& s, float& U, float& V, float& A, float& ccc, float U0, float V0, float A0,
-                 float err_ave, float err_A) {
+int refine_three(const Search& s, float& U, float& V, float& A, float& ccc, float U0, float V0, float A0, float err_ave,
+                 float err_A) {
   State st = start_three(s, U0, V0, A0, err_ave, err_A);
   const int cycle = run_cycles(s, st, true, true);
   U = st.mean1 - st.dif1;

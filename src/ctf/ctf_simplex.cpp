@@ -20,8 +20,7 @@ PUVA ctf_simplex_center(const PUVA* s) {
 
 PUVA ctf_simplex_reflect(const PUVA* s, int i) {
   const PUVA c = ctf_simplex_center(s);
-  return PUVA{2.0f * c.ps - s[i].ps, 2.0f * c.defU - s[i].defU, 2.0f * c.defV - s[i].defV,
-              2.0f * c.defA - s[i].defA};
+  return PUVA{2.0f * c.ps - s[i].ps, 2.0f * c.defU - s[i].defU, 2.0f * c.defV - s[i].defV, 2.0f * c.defA - s[i].defA};
 }
 
 PUVA ctf_simplex_rextend(const PUVA* s, int i) {

@@ -37,8 +37,9 @@ int ctf_validation(const float* d_real, float* d_tmp, float apix, int nx, int ny
   (void)spare;
   if (bands) bands->clear();
   ctf_say(log, "\n......................................  VALIDATION  ......................................\n");
-  ctf_say(log, "Differences from Original Values:\n  RESOLUTION   Defocus_U   Defocus_V     Angle       CCC      "
-               "CONVERGENCE  \n");
+  ctf_say(log,
+          "Differences from Original Values:\n  RESOLUTION   Defocus_U   Defocus_V     Angle       CCC      "
+          "CONVERGENCE  \n");
   for (const auto& band : kBands) {
     const float bL = band[0], bH = band[1];
     if (!(bH > 2.0f * apix)) continue;

@@ -7,7 +7,7 @@
 #include <vector>
 
 struct CTF_VALIDATION_BAND {
-  float resL, resH;      // the band, A
+  float resL, resH;       // the band, A
   float dU, dV, dA, ccc;  // refined less given values, and the score
   int grade;              // 5 PERFECT, 4 GOOD, 3 USABLE, 2 BAD, 1 WRONG
 };

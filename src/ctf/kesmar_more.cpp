@@ -44,7 +44,8 @@ const char* kUsage =
     "  --boxsize 512      box of the spectra (local: 256);  --overlap 0.5;  --convsize box/12 (background)\n"
     "  --resL 15 --resH 5 band of the refinement in A (validate: of the model left at the end)\n"
     "  --bfac 150         B-factor of the model;  --err  start step x3 (local, 600) or x10 (frames, 1000), A\n"
-    "  local:  --boxsuffix _zavik.star | --box FILE,  --radius 384 (disc of boxes, pixels),  --avetype 0 (1, 2: weighted by distance),\n"
+    "  local:  --boxsuffix _zavik.star | --box FILE,  --radius 384 (disc of boxes, pixels),  --avetype 0 (1, 2: "
+    "weighted by distance),\n"
     "          --refine_astm 0 (1: also astigmatism and angle),  --write_local_ctf 0,  --use_EPA 0\n"
     "  frames: --aveN 7 (frames per group),  --fit 1 (0: no line),  --refine_astm 0\n";
 
@@ -65,15 +66,23 @@ MorePara parse(int argc, char** argv) {
     int* i;
     char* s;
   };
-  const F opts[] = {{"ctfstar", nullptr, nullptr, p.ctfstar},     {"boxsuffix", nullptr, nullptr, p.boxsuffix},
-                    {"box", nullptr, nullptr, p.box},             {"apix", &p.apix, nullptr, nullptr},
-                    {"overlap", &p.overlap, nullptr, nullptr},    {"bfac", &p.bfac, nullptr, nullptr},
-                    {"resL", &p.resL, nullptr, nullptr},          {"resH", &p.resH, nullptr, nullptr},
-                    {"err", &p.err, nullptr, nullptr},            {"radius", &p.radius, nullptr, nullptr},
-                    {"boxsize", nullptr, &p.boxsize, nullptr},    {"convsize", nullptr, &p.convsize, nullptr},
-                    {"avetype", nullptr, &p.avetype, nullptr},    {"refine_astm", nullptr, &p.refine_astm, nullptr},
+  const F opts[] = {{"ctfstar", nullptr, nullptr, p.ctfstar},
+                    {"boxsuffix", nullptr, nullptr, p.boxsuffix},
+                    {"box", nullptr, nullptr, p.box},
+                    {"apix", &p.apix, nullptr, nullptr},
+                    {"overlap", &p.overlap, nullptr, nullptr},
+                    {"bfac", &p.bfac, nullptr, nullptr},
+                    {"resL", &p.resL, nullptr, nullptr},
+                    {"resH", &p.resH, nullptr, nullptr},
+                    {"err", &p.err, nullptr, nullptr},
+                    {"radius", &p.radius, nullptr, nullptr},
+                    {"boxsize", nullptr, &p.boxsize, nullptr},
+                    {"convsize", nullptr, &p.convsize, nullptr},
+                    {"avetype", nullptr, &p.avetype, nullptr},
+                    {"refine_astm", nullptr, &p.refine_astm, nullptr},
                     {"write_local_ctf", nullptr, &p.write_local_ctf, nullptr},
-                    {"use_EPA", nullptr, &p.use_EPA, nullptr},    {"aveN", nullptr, &p.aveN, nullptr},
+                    {"use_EPA", nullptr, &p.use_EPA, nullptr},
+                    {"aveN", nullptr, &p.aveN, nullptr},
                     {"fit", nullptr, &p.fit, nullptr}};
   for (int i = 2; i < argc; ++i) {
     if (argv[i][0] != '-') {
@@ -171,12 +180,15 @@ int one_micrograph(const MorePara& p, const char* mic) {
     for (size_t i = 0; i < nimage; ++i) data[i] += data[(size_t)k * nimage + i];
 
   char log_name[ZK_TXT_LEN];
-  set_outname_by_suffix(log_name, mic, p.cmd == "local" ? "_local.log" : p.cmd == "validate" ? "_validation.log"
-                                                                                              : "_frames.log");
+  set_outname_by_suffix(log_name, mic,
+                        p.cmd == "local"      ? "_local.log"
+                        : p.cmd == "validate" ? "_validation.log"
+                                              : "_frames.log");
   ZkOutFile log_out;
   FILE* log = zk_out_open(log_out, log_name);
   const CTF_INFO& c = r.ctf;
-  fprintf(log, "kesmar_more %s of %s\nStart: U %.2f V %.2f angle %.2f phase shift %.2f kV %.1f Cs %.2f ac %.3f apix %.4f\n",
+  fprintf(log,
+          "kesmar_more %s of %s\nStart: U %.2f V %.2f angle %.2f phase shift %.2f kV %.1f Cs %.2f ac %.3f apix %.4f\n",
           p.cmd.c_str(), mic, c.defU, c.defV, c.defA, c.ps, c.kV, c.Cs, c.ac, apix);
   int step = (int)((1.0 - (double)p.overlap) * (double)p.boxsize);
   if (step < 1) step = 1;
@@ -187,15 +199,14 @@ int one_micrograph(const MorePara& p, const char* mic) {
                                  p.use_EPA, p.refine_astm, r.dstep, apix, c.kV, c.Cs, c.ac, c.ps, c.defU, c.defV,
                                  c.defA, r.ccc, p.err, p.bfac, p.resL, p.resH, p.avetype, log);
     else
-      rc = ctf_local_refine(mic, p.boxsuffix, data.data(), nx, ny, 1, p.radius, p.boxsize, p.overlap,
-                            p.write_local_ctf, 1, p.use_EPA, p.refine_astm, r.dstep, apix, c.kV, c.Cs, c.ac, c.ps,
-                            c.defU, c.defV, c.defA, r.ccc, p.err, p.bfac, p.resL, p.resH, p.avetype, log);
+      rc = ctf_local_refine(mic, p.boxsuffix, data.data(), nx, ny, 1, p.radius, p.boxsize, p.overlap, p.write_local_ctf,
+                            1, p.use_EPA, p.refine_astm, r.dstep, apix, c.kV, c.Cs, c.ac, c.ps, c.defU, c.defV, c.defA,
+                            r.ccc, p.err, p.bfac, p.resL, p.resH, p.avetype, log);
   } else if (p.cmd == "validate") {
     const size_t nhalf = (size_t)(p.boxsize / 2 + 1) * p.boxsize;
     ZkDeviceArray<float> d_image(nimage), d_sub(nhalf), d_tmp(nhalf);
     ZK_CHECK(memcpy_H2D(d_image.get(), data.data(), nimage * sizeof(float)));
-    hcuda_2d_gridfft_r2c_amp_ave_log_subbg(d_image.get(), d_sub.get(), nx, ny, p.boxsize, p.boxsize, step,
-                                           p.convsize);
+    hcuda_2d_gridfft_r2c_amp_ave_log_subbg(d_image.get(), d_sub.get(), nx, ny, p.boxsize, p.boxsize, step, p.convsize);
     std::vector<CTF_VALIDATION_BAND> bands;
     ctf_validation(d_sub.get(), d_tmp.get(), apix, p.boxsize, p.boxsize, c.ps, c.kV, c.Cs, c.ac, c.defU, c.defV, c.defA,
                    0.0f, p.bfac, p.resL, p.resH, log, &bands);

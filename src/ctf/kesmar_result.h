@@ -4,8 +4,8 @@
 #include "ctf/ctf_core.h"
 
 struct KESMAR_RESULT {
-  CTF_INFO ctf;          // kV, Cs, ac, phase shift, U, V, angle; B 0
-  float apix;            // dstep * 10000 / magnification
+  CTF_INFO ctf;  // kV, Cs, ac, phase shift, U, V, angle; B 0
+  float apix;    // dstep * 10000 / magnification
   float dstep, mag, ccc;
 };
 

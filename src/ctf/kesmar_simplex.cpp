@@ -35,8 +35,8 @@ PUVA KESMAR_A::kesmar_get_ctf_simplex_rextend(int i) { return ctf_simplex_rexten
 void KESMAR_A::kesmar_hcuda_ctfrefine_simplex_half2d(int strategy) {
   kesmar_set_Bres();
   char line[128];
-  snprintf(line, sizeof line,
-           "******** ******** ********  using refinement strategy: %d  ******** ******** ********\n", strategy);
+  snprintf(line, sizeof line, "******** ******** ********  using refinement strategy: %d  ******** ******** ********\n",
+           strategy);
   if (ctrl.to_log) log("%s", line);
   if (ctrl.to_screen) fputs(line, stdout);
   // Strategy 3 holds the phase shift to the angle's tolerance and the angle
@@ -44,9 +44,9 @@ void KESMAR_A::kesmar_hcuda_ctfrefine_simplex_half2d(int strategy) {
   const CTF_SIMPLEX_TOL tol = strategy == 2 ? CTF_SIMPLEX_TOL{ctrl.ps_tol, ctrl.UV_tol, ctrl.A_tol}
                                             : CTF_SIMPLEX_TOL{ctrl.A_tol, ctrl.UV_tol, ctrl.ps_tol};
   float best_score = 0.0f;
-  const int cycle = ctf_simplex_search(simplex, strategy, tol, 300,
-                                       [this](PUVA q) { return kesmar_ccc_sim_with_real_2d_half(q); }, best_vertex,
-                                       best_score);
+  const int cycle = ctf_simplex_search(
+      simplex, strategy, tol, 300, [this](PUVA q) { return kesmar_ccc_sim_with_real_2d_half(q); }, best_vertex,
+      best_score);
   if (cycle == 300 && ctrl.warn_cycles) {
     puts("\x1b[43mWARNING: Too man refinement cycles, Kesmar might have failed on this micrograph!\x1b[m");
     log("WARNING: Too man refinement cycles, Kesmar might have failed on this micrograph!\n");
