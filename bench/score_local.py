@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """Per-particle defocus error: a particle STAR file of kesmar_more local
 against the generator's per-particle truth (matched by centre), and the error
-the micrograph's single value would have.
+the micrograph's single value would have.  The error is that of the mean
+defocus (U + V)/2, which does not depend on how U, V and the angle are named.
 
     score_local.py truth.star local.star [summary.star micrograph]
-Prints: n, mean and worst |dU|, |dV| of the local values (A), and, when the
-summary is given, the mean |dU| of the whole-micrograph value."""
+Prints: n, mean and worst |dZ| of the local values (A), and, when the summary
+is given, those of the whole-micrograph value."""
 import sys
 
 
@@ -19,30 +20,27 @@ def rows(path):
 
 
 def main():
-    truth = {(int(float(w[0])), int(float(w[1]))): (float(w[2]), float(w[3])) for w in rows(sys.argv[1])}
+    truth = {(int(float(w[0])), int(float(w[1]))): (float(w[2]) + float(w[3])) / 2 for w in rows(sys.argv[1])}
     local = rows(sys.argv[2])
-    du, dv = [], []
+    dz = []
     for w in local:
         key = (int(float(w[1])), int(float(w[2])))
-        if key not in truth:
-            continue
-        u, v = truth[key]
-        du.append(abs(float(w[4]) - u))
-        dv.append(abs(float(w[5]) - v))
-    n = len(du)
+        if key in truth:
+            dz.append(abs((float(w[4]) + float(w[5])) / 2 - truth[key]))
+    n = len(dz)
     if n == 0:
         print("no particle matched")
         return 1
-    line = "n %d  local |dU| mean %.1f worst %.1f  |dV| mean %.1f worst %.1f" % (
-        n, sum(du) / n, max(du), sum(dv) / n, max(dv))
+    line = "%-6s n %d  local |dZ| mean %6.1f worst %6.1f" % (sys.argv[2].split("/")[-1].replace("_local.star", ""), n, sum(dz) / n,
+                                                               max(dz))
     if len(sys.argv) > 4:
         whole = None
         for w in rows(sys.argv[3]):
             if w[0].endswith(sys.argv[4]):
-                whole = float(w[2])
+                whole = (float(w[2]) + float(w[3])) / 2
         if whole is not None:
-            e = [abs(whole - truth[k][0]) for k in truth]
-            line += "  whole-micrograph |dU| mean %.1f worst %.1f" % (sum(e) / len(e), max(e))
+            e = [abs(whole - z) for z in truth.values()]
+            line += "   whole-micrograph |dZ| mean %6.1f worst %6.1f" % (sum(e) / len(e), max(e))
     print(line)
     return 0
 
