@@ -220,6 +220,24 @@ TEST(KesmarMore, BadInputSkipsTheMicrographAndWritesNothing) {
   std::string listing;
   zk_run("ls -A '" + dir.path + "'", &listing);
   EXPECT_EQ(listing, "a.mrc\nempty_zavik.box\nout_zavik.box\nsum.star\n");
+
+  // zavik's STAR file by the default suffix: centres as they stand.
+  zk_put(dir / "a_zavik.star",
+         "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n"
+         "_rlnClassNumber #4\n_rlnAutopickFigureOfMerit #5\n"
+         "200     300     0.000000 1 0.750000\n"
+         "60      480     0.000000 1 0.500000\n");
+  std::string done;
+  ASSERT_EQ(more(dir.path, "local --ctfstar sum.star --boxsize 128 --radius 100 a.mrc", &done), 0) << done;
+  const auto rows = numeric_rows(dir / "a_local.star", 1);
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0][0], 200);
+  EXPECT_EQ(rows[0][1], 300);
+  EXPECT_EQ(rows[0][11], 0.75);  // the pick's figure of merit goes with it
+  EXPECT_EQ(rows[1][0], 60);
+  EXPECT_EQ(rows[1][1], 480);
+  EXPECT_TRUE(zk_has(done, ": 1 of 1 micrographs done\n"));
+
   // A bad command line: the usage, status 1.
   std::string out;
   EXPECT_EQ(more(dir.path, "local --radious 3 a.mrc", &out), 1);
