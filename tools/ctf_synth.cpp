@@ -155,28 +155,49 @@ std::vector<double> specimen_spectrum(const Para& p, std::mt19937_64& rng) {
   return g;
 }
 
-// The specimen through the CTF with dz added to both defoci, mean 0,
-// deviation 1.
-std::vector<float> specimen_image(const Para& p, const std::vector<double>& g, double dz) {
+// Per sample of the half spectrum the parts of the CTF that do not change
+// with an added defocus: the phase at dz 0, its growth per A of defocus, the
+// B-factor envelope and the ice amplitude.
+struct CtfParts {
+  std::vector<double> gamma0, per_A, env, amp;
+};
+
+CtfParts ctf_parts(const Para& p) {
   const int nx = p.nx, ny = p.ny, nxh = nx / 2 + 1;
-  fftwf_complex* f = fftwf_alloc_complex((size_t)nxh * ny);
-  float* img = fftwf_alloc_real((size_t)nx * ny);
+  const size_t n = (size_t)nxh * ny;
+  CtfParts c{std::vector<double>(n), std::vector<double>(n), std::vector<double>(n), std::vector<double>(n)};
   const double lambda = wavelength(p.kv), ccs = 0.5 * M_PI * p.cs * 1e7 * lambda * lambda * lambda;
-  const double w = sqrt(1.0 - p.ac * p.ac), arad = p.angle * M_PI / 180.0, prad = p.ps * M_PI / 180.0;
+  const double arad = p.angle * M_PI / 180.0, prad = p.ps * M_PI / 180.0;
   for (int ky = 0; ky < ny; ++ky) {
     const double fy = (ky < ny / 2 ? ky : ky - ny) / (ny * p.apix);
     for (int kx = 0; kx < nxh; ++kx) {
       const double fx = kx / (nx * p.apix), s2 = fx * fx + fy * fy;
       const double t = atan2(fy, fx) - arad;
-      const double z = (p.defu + dz) * cos(t) * cos(t) + (p.defv + dz) * sin(t) * sin(t);
-      const double gm = M_PI * lambda * z * s2 - ccs * s2 * s2 + prad;
-      // Ice: strong below about 60 A, nothing at high resolution.
-      const double amp = 1.0 + p.ice * exp(-s2 / (2.0 * 0.012 * 0.012));
-      const double ctf = -(w * sin(gm) + p.ac * cos(gm)) * exp(-p.bfactor * s2 / 4.0) * amp;
+      const double z = p.defu * cos(t) * cos(t) + p.defv * sin(t) * sin(t);
       const size_t i = (size_t)ky * nxh + kx;
-      f[i][0] = (float)(ctf * g[2 * i]);
-      f[i][1] = (float)(ctf * g[2 * i + 1]);
+      c.gamma0[i] = M_PI * lambda * z * s2 - ccs * s2 * s2 + prad;
+      c.per_A[i] = M_PI * lambda * s2;
+      c.env[i] = exp(-p.bfactor * s2 / 4.0);
+      // Ice: strong below about 60 A, nothing at high resolution.
+      c.amp[i] = 1.0 + p.ice * exp(-s2 / (2.0 * 0.012 * 0.012));
     }
+  }
+  return c;
+}
+
+// The specimen through the CTF with dz added to both defoci, mean 0,
+// deviation 1.
+std::vector<float> specimen_image(const Para& p, const std::vector<double>& g, const CtfParts& c, double dz) {
+  const int nx = p.nx, ny = p.ny, nxh = nx / 2 + 1;
+  const size_t n = (size_t)nxh * ny;
+  fftwf_complex* f = fftwf_alloc_complex(n);
+  float* img = fftwf_alloc_real((size_t)nx * ny);
+  const double w = sqrt(1.0 - p.ac * p.ac);
+  for (size_t i = 0; i < n; ++i) {
+    const double gm = dz == 0 ? c.gamma0[i] : c.gamma0[i] + c.per_A[i] * dz;
+    const double ctf = -(w * sin(gm) + p.ac * cos(gm)) * c.env[i] * c.amp[i];
+    f[i][0] = (float)(ctf * g[2 * i]);
+    f[i][1] = (float)(ctf * g[2 * i + 1]);
   }
   f[0][0] = f[0][1] = 0.0f;
   fftwf_plan inv = fftwf_plan_dft_c2r_2d(ny, nx, f, img, FFTW_ESTIMATE);
@@ -203,8 +224,8 @@ double tilt_dz(const Para& p, double x, double y) {
 
 // The specimen image of one frame (defocus offset dz0): without tilt one
 // transform; with it the two levels around each pixel's defocus.
-std::vector<float> frame_image(const Para& p, const std::vector<double>& g, double dz0) {
-  if (p.tilt == 0) return specimen_image(p, g, dz0);
+std::vector<float> frame_image(const Para& p, const std::vector<double>& g, const CtfParts& c, double dz0) {
+  if (p.tilt == 0) return specimen_image(p, g, c, dz0);
   const int nx = p.nx, ny = p.ny;
   double lo = 1e30, hi = -1e30;
   for (int cy : {0, ny - 1})
@@ -217,7 +238,7 @@ std::vector<float> frame_image(const Para& p, const std::vector<double>& g, doub
   for (int y = 0; y < ny; ++y)
     for (int x = 0; x < nx; ++x) t[(size_t)y * nx + x] = (float)((tilt_dz(p, x, y) - lo) / p.tilt_step);
   for (int k = 0; k <= levels; ++k) {
-    const std::vector<float> img = specimen_image(p, g, dz0 + lo + k * p.tilt_step);
+    const std::vector<float> img = specimen_image(p, g, c, dz0 + lo + k * p.tilt_step);
     for (size_t i = 0; i < out.size(); ++i) {
       const int j = (int)floor(t[i]);
       const double f = t[i] - j;
@@ -325,7 +346,8 @@ int main(int argc, char** argv) {
   std::normal_distribution<double> gauss(0.0, 1.0);
   const int nx = p.nx, ny = p.ny;
   const std::vector<double> g = specimen_spectrum(p, rng);
-  std::vector<float> spec = frame_image(p, g, 0.0);
+  const CtfParts parts = ctf_parts(p);
+  std::vector<float> spec = frame_image(p, g, parts, 0.0);
 
   // Illumination: a slope and a broad hump, counts around 100.
   std::vector<float> base((size_t)nx * ny);
@@ -342,7 +364,7 @@ int main(int argc, char** argv) {
   std::vector<float> out((size_t)nx * ny * nz);
   const double frame_noise = p.noise * sqrt((double)nz);
   for (int k = 0; k < nz; ++k) {
-    if (k > 0 && p.drift != 0) spec = frame_image(p, g, k * p.drift);
+    if (k > 0 && p.drift != 0) spec = frame_image(p, g, parts, k * p.drift);
     float* f = out.data() + (size_t)k * nx * ny;
     for (size_t i = 0; i < (size_t)nx * ny; ++i)
       f[i] = (float)((base[i] + 2.0 * spec[i] + 2.0 * frame_noise * gauss(rng)) / nz);
