@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Accuracy and speed of kesmar_more on generated data with known CTFs.
 #
-#   bench/bench_ctf_more.sh [--build DIR] [--n N] [--work DIR] [--noise S] [--seed S] [--keep]
+#   bench/bench_ctf_more.sh [--build DIR] [--n N] [--size PX] [--work DIR] [--noise S] [--seed S] [--keep]
 #
-# Three sets of N each, 3838 x 3710 at 1 A/px, mean defocus 1 to 3 um,
+# Three sets of N each, PX x PX (default 4096) at 1 A/px, mean defocus 1 to 3 um,
 # astigmatism 0 to 800 A, white noise S times the specimen image's deviation:
 #  - tilted: the specimen tilted by 30 degrees about a random axis, 60
 #    particles each.  kesmar finds the whole-micrograph CTF, kesmar_more local
@@ -18,11 +18,12 @@
 # build has CUDA and a GPU answers).
 set -euo pipefail
 
-BUILD=build N=2 WORK=/tmp/kesmar_more_bench NOISE=3 SEED=1 KEEP=0
+BUILD=build N=1 SIZE=4096 WORK=/tmp/kesmar_more_bench NOISE=3 SEED=1 KEEP=0
 while [ $# -gt 0 ]; do
   case "$1" in
     --build) BUILD="$2"; shift 2 ;;
     --n) N="$2"; shift 2 ;;
+    --size) SIZE="$2"; shift 2 ;;
     --work) WORK="$2"; shift 2 ;;
     --noise) NOISE="$2"; shift 2 ;;
     --seed) SEED="$2"; shift 2 ;;
@@ -65,8 +66,8 @@ PY
 # ---- tilted specimens: per-particle defocus
 T="$WORK/tilted"; mkdir -p "$T"
 draw "$N" "$((SEED * 10 + 1))" | while read -r i u v a axis seed; do
-  "$SYNTH" --out "$T/t$i.mrc" --apix 1 --defu "$u" --defv "$v" --angle "$a" --tilt 30 --tilt_axis "$axis" \
-    --tilt_step 40 --noise "$NOISE" --seed "$seed" --particles 60 --pbox 200 --boxes "$T/t${i}_zavik.box" \
+  "$SYNTH" --out "$T/t$i.mrc" --nx "$SIZE" --ny "$SIZE" --apix 1 --defu "$u" --defv "$v" --angle "$a" --tilt 30 --tilt_axis "$axis" \
+    --tilt_step 60 --noise "$NOISE" --seed "$seed" --particles 60 --pbox 200 --boxes "$T/t${i}_zavik.box" \
     --ptruth "$T/t${i}_truth.star" > /dev/null
 done
 (cd "$T" && timed kesmar "$KESMAR" --apix 1 --ctfstar sum ./t*.mrc > kesmar.out)
@@ -80,7 +81,7 @@ done
 # ---- drifting movies: per-frame defocus
 M="$WORK/movies"; mkdir -p "$M"
 draw "$N" "$((SEED * 10 + 2))" | while read -r i u v a axis seed; do
-  "$SYNTH" --out "$M/m$i.mrc" --apix 1 --defu "$u" --defv "$v" --angle "$a" --frames 12 --drift 40 \
+  "$SYNTH" --out "$M/m$i.mrc" --nx "$SIZE" --ny "$SIZE" --apix 1 --defu "$u" --defv "$v" --angle "$a" --frames 12 --drift 40 \
     --noise "$NOISE" --seed "$seed" --ftruth "$M/m${i}_frames.txt" > /dev/null
 done
 (cd "$M" && timed kesmar-movie "$KESMAR" --apix 1 --mdef_ave_type 1 --ctfstar sum ./m*.mrc > kesmar.out)
@@ -117,7 +118,7 @@ done
 # ---- validation of right and wrong results
 F="$WORK/flat"; mkdir -p "$F"
 draw "$N" "$((SEED * 10 + 3))" | while read -r i u v a axis seed; do
-  "$SYNTH" --out "$F/f$i.mrc" --apix 1 --defu "$u" --defv "$v" --angle "$a" --noise "$NOISE" --seed "$seed" > /dev/null
+  "$SYNTH" --out "$F/f$i.mrc" --nx "$SIZE" --ny "$SIZE" --apix 1 --defu "$u" --defv "$v" --angle "$a" --noise "$NOISE" --seed "$seed" > /dev/null
 done
 (cd "$F" && "$KESMAR" --apix 1 --ctfstar sum ./f*.mrc > kesmar.out)
 python3 - "$F/sum.star" "$F/wrong.star" <<'PY'

@@ -237,6 +237,7 @@ TEST(KesmarMore, BadInputSkipsTheMicrographAndWritesNothing) {
   EXPECT_EQ(rows[1][0], 60);
   EXPECT_EQ(rows[1][1], 480);
   EXPECT_TRUE(zk_has(done, ": 1 of 1 micrographs done\n"));
+  EXPECT_FALSE(zk_exists(dir / "a_local.ctf"));  // pictures only when asked
 
   // A bad command line: the usage, status 1.
   std::string out;

@@ -234,16 +234,21 @@ std::vector<float> frame_image(const Para& p, const std::vector<double>& g, cons
       hi = std::max(hi, tilt_dz(p, cx, cy));
     }
   const int levels = (int)ceil((hi - lo) / p.tilt_step) + 1;
-  std::vector<float> out((size_t)nx * ny, 0.0f), t((size_t)nx * ny);
+  // Pixel i lies between levels j[i] and j[i] + 1, at the fraction f[i].
+  std::vector<float> out((size_t)nx * ny, 0.0f), f((size_t)nx * ny);
+  std::vector<int> j((size_t)nx * ny);
   for (int y = 0; y < ny; ++y)
-    for (int x = 0; x < nx; ++x) t[(size_t)y * nx + x] = (float)((tilt_dz(p, x, y) - lo) / p.tilt_step);
+    for (int x = 0; x < nx; ++x) {
+      const double t = (tilt_dz(p, x, y) - lo) / p.tilt_step;
+      const size_t i = (size_t)y * nx + x;
+      j[i] = (int)floor(t);
+      f[i] = (float)(t - j[i]);
+    }
   for (int k = 0; k <= levels; ++k) {
     const std::vector<float> img = specimen_image(p, g, c, dz0 + lo + k * p.tilt_step);
     for (size_t i = 0; i < out.size(); ++i) {
-      const int j = (int)floor(t[i]);
-      const double f = t[i] - j;
-      if (j == k) out[i] += (float)((1.0 - f) * img[i]);
-      if (j + 1 == k) out[i] += (float)(f * img[i]);
+      if (j[i] == k) out[i] += (1.0f - f[i]) * img[i];
+      if (j[i] + 1 == k) out[i] += f[i] * img[i];
     }
   }
   return out;

@@ -191,6 +191,8 @@ int ctf_local_refine_boxf(const char* mic_name, const char* box_name, const floa
   }
   std::vector<PTCL_BOX> list((size_t)CTF_LOCAL_MAX_BOXES);
   const int n_ptcl = read_all_ptcl_boxes(list.data(), CTF_LOCAL_MAX_BOXES, box_name);
+  if (n_ptcl == CTF_LOCAL_MAX_BOXES)
+    printf("Note: only the first %d particles of %s are refined.\n", CTF_LOCAL_MAX_BOXES, box_name);
   if (n_ptcl == 0) {
     skip_warning(__func__, __LINE__, "holds no particles", box_name);
     return -1;
