@@ -122,6 +122,17 @@ class KESMAR_A {
   void kesmar_hcuda_ctfrefine_end_half2d();
   void kesmar_hcuda_ctfrefine_output_FinalValues();
 
+  // Simplex refinement (strategies 2 and 3).
+  void kesmar_set_init_simplex(float ps);
+  void kesmar_set_init_simplex_from_ref2d();
+  PUVA kesmar_get_ctf_simplex_center();
+  PUVA kesmar_get_ctf_simplex_reflect(int i);
+  PUVA kesmar_get_ctf_simplex_rextend(int i);
+  void kesmar_hcuda_ctfrefine_simplex2_half2d();
+  void kesmar_hcuda_ctfrefine_simplex3_half2d();
+  void kesmar_hcuda_ctfrefine_simplex_half2d(int strategy);
+  void kesmar_refine_by_strategy(bool from_1d, float ps);
+
   // Equiphase average and resolution limit.
   void kesmar_do_epa_2d();
   void kesmar_set_res_limit();

@@ -11,19 +11,24 @@
 
 namespace {
 
-// Strategies 2 and 3 (simplex) are not part of this version: they run the
-// alternating refinement, with a note once per run.
-bool uses_line_search(int refine_2d_T) {
-  static bool told = false;
-  if ((refine_2d_T == 2 || refine_2d_T == 3) && !told) {
-    printf("Note: --refine_2d_T %d (simplex) is not available in this version; refinement strategy 1 is used.\n",
-           refine_2d_T);
-    told = true;
-  }
-  return refine_2d_T >= 1 && refine_2d_T <= 3;
-}
+bool refines(int refine_2d_T) { return refine_2d_T >= 1 && refine_2d_T <= 3; }
 
 }  // namespace
+
+// A refinement from the 1D result (from_1d) or from the refined values, by
+// the run's strategy: the alternating line search or one of the simplexes.
+void KESMAR_A::kesmar_refine_by_strategy(bool from_1d, float ps) {
+  const int T = para->refine_2d_T;
+  if (T == 2 || T == 3) {
+    if (from_1d)
+      kesmar_set_init_simplex(ps);
+    else
+      kesmar_set_init_simplex_from_ref2d();
+    kesmar_hcuda_ctfrefine_simplex_half2d(T);
+  } else if (T == 1) {
+    kesmar_hcuda_ctfrefine_half2d();
+  }
+}
 
 void KESMAR_A::kesmar_1D_search2(float ps) {
   const KESMAR_Para& p = *para;
@@ -50,13 +55,13 @@ int KESMAR_A::kesmar_1D_search_2D_refine_simplex_noPS() {
   kesmar_1D_search2(0.0f);
   // Without a refinement the result is the round CTF of the search.
   kesmar_set_refined_PUVAC(0.0f, def_1d, def_1d, 0.0f, 0.0f);
-  if (uses_line_search(p.refine_2d_T)) {
-    kesmar_set_init_defUVA_for_2D_refine(0.0f);
-    kesmar_hcuda_ctfrefine_half2d();
+  if (refines(p.refine_2d_T)) {
+    if (p.refine_2d_T == 1) kesmar_set_init_defUVA_for_2D_refine(0.0f);
+    kesmar_refine_by_strategy(true, 0.0f);
     if (p.do_Hres_ref) {
       ctrl.set_PHSLC(0, 1, 1, 1, 1);
-      kesmar_set_init_for_Hres_ref();
-      kesmar_hcuda_ctfrefine_half2d();
+      if (p.refine_2d_T == 1) kesmar_set_init_for_Hres_ref();
+      kesmar_refine_by_strategy(false, 0.0f);
     }
   }
   return 0;
@@ -64,7 +69,8 @@ int KESMAR_A::kesmar_1D_search_2D_refine_simplex_noPS() {
 
 int KESMAR_A::kesmar_1D_search_2D_refine_simplex_PS() {
   const KESMAR_Para& p = *para;
-  const bool refine = uses_line_search(p.refine_2d_T);
+  const bool refine = refines(p.refine_2d_T);
+  const bool line = p.refine_2d_T == 1;
   float best_res = 20.0f, best_ccc = -1.0f;
   const float limit = 20.0f;
   PUVA best = {0.0f, 0.0f, 0.0f, 0.0f};
@@ -78,8 +84,8 @@ int KESMAR_A::kesmar_1D_search_2D_refine_simplex_PS() {
     kesmar_1D_search2(ps);
     kesmar_set_refined_PUVAC(ps, def_1d, def_1d, 0.0f, 0.0f);
     if (refine) {
-      kesmar_set_init_defUVA_for_2D_refine(ps);
-      kesmar_hcuda_ctfrefine_half2d();
+      if (line) kesmar_set_init_defUVA_for_2D_refine(ps);
+      kesmar_refine_by_strategy(true, ps);
     }
     const PUVA here = {ref_ps, ref_defU, ref_defV, ref_defA};
     if (p.phase_shift_T == 1) {
@@ -107,8 +113,8 @@ int KESMAR_A::kesmar_1D_search_2D_refine_simplex_PS() {
   if (!p.only_search_ps) {
     init = best;
     if (refine) {
-      kesmar_set_init_from_ref2d();
-      kesmar_hcuda_ctfrefine_half2d();
+      if (line) kesmar_set_init_from_ref2d();
+      kesmar_refine_by_strategy(false, 0.0f);
     }
   } else {
     kesmar_hcuda_ctfrefine_output_FinalValues();
@@ -123,8 +129,8 @@ int KESMAR_A::kesmar_1D_search_2D_refine_simplex_PS() {
     ZK_CHECK(memcpy_D2H(h_sub_half.data(), d_sub.get(), (size_t)nhalf * sizeof(float)));
     ZK_CHECK(memcpy_D2D(d_sub.get(), d_epa.get(), (size_t)nhalf * sizeof(float)));
     if (refine) {
-      kesmar_set_init_defUVA_for_2D_refine(ref_ps);
-      kesmar_hcuda_ctfrefine_half2d();
+      if (line) kesmar_set_init_defUVA_for_2D_refine(ref_ps);
+      kesmar_refine_by_strategy(false, 0.0f);
     }
     ZK_CHECK(memcpy_H2D(d_sub.get(), h_sub_half.data(), (size_t)nhalf * sizeof(float)));
   }
