@@ -71,6 +71,9 @@ struct Zavik_Para {
   // with the surrounding background before the band-pass.
   int cc_auto;
   int fill_rejected;
+  // --summary: a STAR file with one line per micrograph of the run (picks,
+  // scores, rejected share, time, status); "NULL" writes none.  1024 bytes.
+  char* summary;
 };
 
 // Allocates files (argc pointers) and the three name buffers, stores "NULL" in
