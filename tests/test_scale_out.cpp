@@ -137,6 +137,19 @@ TEST(RunSummary, WordsMeansAndMedians) {
                                    "\"Cannot open file m.mrc.\"\n");
 }
 
+// Alone, a process is rank 0 of 1, owns every micrograph, and gets its own
+// lines back in list order, those of equal place in the order they came.
+TEST(RunSummary, OneRankOwnsTheListAndOrdersItsLines) {
+  EXPECT_EQ(zk_par_size(), 1);
+  EXPECT_EQ(zk_par_rank(), 0);
+  for (int i = 0; i < 5; ++i) EXPECT_TRUE(zk_par_mine(i));
+  const std::vector<ZkParItem> got = zk_par_gather({{2, "c"}, {-1, "z"}, {0, "a"}, {2, "d"}, {1, "b"}});
+  std::string order;
+  for (const ZkParItem& it : got) order += it.text;
+  EXPECT_EQ(order, "zabcd");
+  EXPECT_EQ(zk_par_sum(7), 7);
+}
+
 // A run over two micrographs and an empty file, then again under
 // --do_unfinished: done, failed with its reason, skipped as finished.
 TEST(RunSummary, LinesForDoneSkippedAndFailedMicrographs) {
