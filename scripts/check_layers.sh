@@ -2,6 +2,7 @@
 # The library's layers point down, and library code never ends the process.
 #
 # core                  failure reports, host/device markers, shared records, text helpers
+# parallel              the ranks of an MPI job (the one unit with mpi.h), beside core
 # formats, device       file formats; device memory and compute (siblings: neither includes the other)
 # imagefile             whole files to and from device arrays
 # picking, ctf, volume  the engines
@@ -16,18 +17,19 @@ cd "$(dirname "$0")/../src" || exit 1
 
 declare -A may=(
   [core]="core"
-  [formats]="core formats"
-  [device]="core device"
-  [imagefile]="core formats device imagefile"
-  [picking]="core formats device imagefile picking"
-  [ctf]="core formats device imagefile ctf"
-  [volume]="core formats device imagefile volume"
-  [movie]="core formats device imagefile picking ctf movie"
-  [driver]="core formats device imagefile picking ctf volume movie driver"
-  [toolbox]="core formats device imagefile picking ctf volume movie toolbox"
-  [programs]="core formats device imagefile picking ctf volume movie driver toolbox"
+  [parallel]="parallel"
+  [formats]="core parallel formats"
+  [device]="core parallel device"
+  [imagefile]="core parallel formats device imagefile"
+  [picking]="core parallel formats device imagefile picking"
+  [ctf]="core parallel formats device imagefile ctf"
+  [volume]="core parallel formats device imagefile volume"
+  [movie]="core parallel formats device imagefile picking ctf movie"
+  [driver]="core parallel formats device imagefile picking ctf volume movie driver"
+  [toolbox]="core parallel formats device imagefile picking ctf volume movie toolbox"
+  [programs]="core parallel formats device imagefile picking ctf volume movie driver toolbox"
 )
-library="core formats device imagefile picking ctf volume movie"
+library="core parallel formats device imagefile picking ctf volume movie"
 
 bad=0
 for dir in */; do

@@ -6,7 +6,9 @@ ZAVIK_JOBS="${ZAVIK_JOBS:-$(nproc 2>/dev/null || echo 2)}"
 
 # Debian packages of the build; apt-get runs only when one is missing.
 zavik_install_deps() {
-  local pkgs="cmake g++ make libfftw3-dev libgtest-dev libpng-dev" missing="" p
+  # Open MPI lets mpirun share a run's micrographs over ranks; without it the
+  # build still works, as one process.
+  local pkgs="cmake g++ make libfftw3-dev libgtest-dev libpng-dev libopenmpi-dev openmpi-bin" missing="" p
   for p in $pkgs; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
   done

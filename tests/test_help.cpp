@@ -60,7 +60,7 @@ TEST(Help, BannerUsageAndOptionRowsInTheirGroupsAndColumns) {
         {"--write_bgfree_mic", ""}, {"--write_lsigma_mic", ""}, {"--write_mic_mask", ""},
         {"--exclusive_picking", ""}, {"--excluded_suffix", "NULL"}, {"--mask_excluded", ""},
         {"--global_excluded_box", "NULL"}, {"--do_unfinished", ""}, {"--dont_invertT", ""},
-        {"--extract_raw", ""}, {"--extract_pf", ""}, {"--gid", "0"}, {"--png", "0"}}}};
+        {"--extract_raw", ""}, {"--extract_pf", ""}, {"--gid", "0"}, {"--png", "0"}, {"--summary", "NULL"}}}};
   size_t at = 0;
   for (const auto& g : groups) {
     while (at < l.size() && l[at] != g.first) ++at;

@@ -15,6 +15,7 @@
 #include "device/cuda_general.h"
 #include "formats/mrcfile.h"
 #include "formats/safe_output.h"
+#include "parallel/zk_parallel.h"
 
 // Switches and tolerances of the 2D refinement.
 struct CTF_REF_CONTROL {
@@ -91,6 +92,9 @@ class KESMAR_A {
   void kesmar_end_one_mic();
   void kesmar_abandon_one_mic();
   void kesmar_free_ctf_data();
+  // Under mpirun: every rank's summary lines to rank 0, which writes them in
+  // list order, and the closing line with the totals of all ranks.
+  void kesmar_finish_job();
 
   // Power spectrum.
   int kesmar_generate_ctf_d_data();
@@ -165,6 +169,13 @@ class KESMAR_A {
   FILE* log_fp = nullptr;
   ZkFilePtr star_file;
   FILE* star_fp = nullptr;
+  // Under mpirun, this rank's summary lines by their place in the list, also
+  // kept as they come in "<summary>.rank<r>", so that a job that is killed
+  // leaves every finished line; removed when the summary is whole.
+  std::vector<ZkParItem> star_lines;
+  ZkFilePtr star_part;
+  std::string star_part_name;
+  int n_fitted = 0;
   const char* mic_name = nullptr;
   char ctf_name[ZK_TXT_LEN] = {}, pow_name[ZK_TXT_LEN] = {}, epa_name[ZK_TXT_LEN] = {}, log_name[ZK_TXT_LEN] = {};
   MRC_HEAD head = {}, head_1 = {}, head_ref = {};

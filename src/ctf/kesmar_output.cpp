@@ -96,7 +96,7 @@ void KESMAR_A::kesmar_write_ctfout(char c) {
 
 void KESMAR_A::kesmar_write_star_oneline() {
   const KESMAR_Para& p = *para;
-  if (is_str_null(p.ctfstar) || !star_fp) return;
+  if (is_str_null(p.ctfstar) || (!star_fp && zk_par_size() == 1)) return;
   const float mag = (float)((double)p.dstep * 10000.0 / (double)p.apix);
   // One whole line per micrograph, on disk before the next begins.
   char* text = nullptr;
@@ -112,6 +112,19 @@ void KESMAR_A::kesmar_write_star_oneline() {
   fclose(mem);
   const std::string line(text, len);
   free(text);
+  if (zk_par_size() > 1) {
+    // Rank 0 writes the lines of all ranks in list order at the end.
+    star_lines.push_back({imic, line});
+    if (!star_part) {
+      star_part_name = zk_format("%s.rank%d", p.ctfstar, zk_par_rank());
+      star_part.reset(ZK_FOPEN_WRITE(star_part_name.c_str(), "w"));
+    }
+    if (fwrite(line.data(), 1, line.size(), star_part.get()) != line.size() || fflush(star_part.get()) != 0)
+      ZK_FATAL_AFTER(zk_format("Cannot write to file %s. Permission denied or no space left!\n",
+                               star_part_name.c_str()),
+                     "open file failed.");
+    return;
+  }
   if (fwrite(line.data(), 1, line.size(), star_fp) != line.size() || fflush(star_fp) != 0 || ferror(star_fp))
     ZK_FATAL_AFTER(zk_format("Cannot write to file %s. Permission denied or no space left!\n", p.ctfstar),
                    "open file failed.");

@@ -9,6 +9,7 @@
 #include "ctf/kesmar_options.h"
 #include "device/cuda_general.h"
 #include "formats/starfile.h"
+#include "parallel/zk_parallel.h"
 
 const char* const kesmar_version = "1.0";
 const char* const kesmar_updated_date = "2026-11-23";
@@ -203,6 +204,7 @@ void KESMAR_A::kesmar_set_ctfstar(int argc, char** argv, int& i) {
 void KESMAR_A::kesmar_get_parameters(int argc, char** argv) {
   KESMAR_Para& p = *para;
   p.nfiles = 0;
+  bool gid_given = false;
   for (int i = 1; i < argc; ++i) {
     const KesmarOption* o = kesmar_find_option(argv[i]);
     if (!o) {
@@ -232,6 +234,7 @@ void KESMAR_A::kesmar_get_parameters(int argc, char** argv) {
         break;
     }
     mark_given(p, o->word);
+    if (strcmp(o->word, "gid") == 0) gid_given = true;
     if (strcmp(o->word, "boxsize") == 0 && !p.convsize_given) p.convsize = p.boxsize / 12;
   }
 
@@ -259,6 +262,8 @@ void KESMAR_A::kesmar_get_parameters(int argc, char** argv) {
   p.files[p.nfiles] = nullptr;
   printf("\n");
   kesmar_check_parameters(argc, argv);
+  // The ranks of a job on one machine take its GPUs in turn, unless --gid says.
+  if (zk_par_size() > 1 && !gid_given) p.gid = zk_device_of_local_rank(zk_par_local_rank());
   if (p.skip_check_gpu && check_and_set_gid(p.gid) != 0) ZK_FATAL("Error: Failed to find any proper GPU device!\n");
   ZK_CHECK(zk_set_device(p.gid));
 }

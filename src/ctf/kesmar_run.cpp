@@ -99,7 +99,9 @@ int KESMAR_A::kesmar_run_all(int argc, char** argv, const KesmarRunOptions& opt)
   const double t0 = kesmar_wall_seconds();
   kesmar_preparation(argc, argv);
   kesmar_print_time("PREPARATION", t0);
-  for (imic = 0; imic < para->nfiles; ++imic) {
+  // The ranks of a job share the list: micrograph i is rank (i mod ranks)'s.
+  for (imic = zk_par_first(); imic < para->nfiles; imic += zk_par_stride()) {
+    zk_par_set_current(para->files[imic]);
     if (kesmar_prep_one_mic() != 0) continue;
     if (kesmar_generate_ctf_d_data() != 0) {
       kesmar_abandon_one_mic();
@@ -112,7 +114,10 @@ int KESMAR_A::kesmar_run_all(int argc, char** argv, const KesmarRunOptions& opt)
     kesmar_write_ctfout('W');
     kesmar_write_star_oneline();
     kesmar_end_one_mic();
+    ++n_fitted;
   }
+  zk_par_set_current("");
+  kesmar_finish_job();
   kesmar_free_ctf_data();
   return 0;
 }
@@ -122,7 +127,8 @@ void KESMAR_A::kesmar_preparation(int argc, char** argv) {
   kesmar_get_parameters(argc, argv);
   kesmar_test_set_io_info();
   kesmar_allocate_ctf_data();
-  kesmar_put_parameters(argc, argv);
+  // The ranks of a job run the same command line: one echo is enough.
+  if (zk_par_rank() == 0) kesmar_put_parameters(argc, argv);
   if (zk_backend_note()[0]) printf("%s\n", zk_backend_note());
   kesmar_open_sumlog();
 }
@@ -225,7 +231,7 @@ void KESMAR_A::kesmar_allocate_ctf_data() {
 }
 
 void KESMAR_A::kesmar_open_sumlog() {
-  if (is_str_null(para->ctfstar)) return;
+  if (is_str_null(para->ctfstar) || zk_par_rank() != 0) return;
   star_file.reset(ZK_FOPEN_WRITE(para->ctfstar, "w+"));
   star_fp = star_file.get();
   if (para->do_phase_shift)
@@ -303,6 +309,28 @@ void KESMAR_A::kesmar_end_one_mic() {
 void KESMAR_A::kesmar_abandon_one_mic() {
   log_fp = nullptr;
   zk_out_abandon(log_out);
+}
+
+void KESMAR_A::kesmar_finish_job() {
+  if (zk_par_size() == 1) return;
+  const std::vector<ZkParItem> lines = zk_par_gather(star_lines);
+  const long long fitted = zk_par_sum(n_fitted);
+  if (star_fp) {
+    for (const ZkParItem& l : lines)
+      if (fwrite(l.text.data(), 1, l.text.size(), star_fp) != l.text.size()) break;
+    if (fflush(star_fp) != 0 || ferror(star_fp))
+      ZK_FATAL_AFTER(zk_format("Cannot write to file %s. Permission denied or no space left!\n", para->ctfstar),
+                     "open file failed.");
+  }
+  // The parts go only once the summary holds every line.
+  zk_par_barrier();
+  if (star_part) {
+    star_part.reset();
+    remove(star_part_name.c_str());
+  }
+  if (zk_par_rank() == 0)
+    printf("All %d ranks finished: %lld of the %d micrographs have their CTF.\n", zk_par_size(), fitted,
+           para->nfiles);
 }
 
 void KESMAR_A::kesmar_free_ctf_data() {

@@ -114,6 +114,20 @@ int zk_set_device(int gid) {
   return 0;
 }
 
+int zk_device_count() {
+#if defined(ZAVIK_HAVE_CUDA)
+  int count = 0;
+  if (zk_on_gpu() && cudaGetDeviceCount(&count) == cudaSuccess) return count;
+  cudaGetLastError();
+#endif
+  return 0;
+}
+
+int zk_device_of_local_rank(int local_rank) {
+  const int n = zk_device_count();
+  return n > 0 ? local_rank % n : 0;
+}
+
 // Work areas of the same sizes come and go with every micrograph.  Freed
 // blocks are kept by size and handed out again, so that after the first
 // micrograph a run allocates nothing more: no growth, and no time spent in

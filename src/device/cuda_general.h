@@ -33,6 +33,11 @@ const char* zk_backend_note();
 int check_and_set_gid(int& gid);
 // Makes gid the device of all later work (nothing to do on the host back end).
 int zk_set_device(int gid);
+// GPUs of this machine that the GPU back end can use; 0 on the host back end.
+int zk_device_count();
+// The device of rank local_rank among the ranks of one machine: its GPUs taken
+// in turn; 0 where the host back end stands in.
+int zk_device_of_local_rank(int local_rank);
 
 // Allocation that throws the fatal report on failure; the memory is not
 // cleared.

@@ -141,9 +141,12 @@ void zavik_help(const char* prog) {
            "templates are inverted to match black particles");
   help_row("--extract_raw", "", "Extract the picked particles from the raw micrographs");
   help_row("--extract_pf", "", "Extract the picked particles from the phase-flipped micrographs");
-  help_row("--gid", "0", "GPU device number");
+  help_row("--gid", "0", "GPU device number; under mpirun each rank takes the GPUs of its machine in turn unless "
+           "given");
   help_row("--png", "0", "Write '_zavik.png', the micrograph binned by this factor (8 suits 4k images) with the "
            "picks circled in green at the particle diameter and the rejected cells tinted red; 0 writes none");
+  help_row("--summary", "NULL", "Write a STAR file with one line per micrograph: picks, mean and median score, "
+           "share of rejected cells, seconds and status, for culling");
 
   printf("  Generated templates:        %s --apixM 1.34 --diameter 180 Micrographs/Falcon*.mrc\n", prog);
   printf("  White templates, black micrographs: %s --apixM 1.34 --diameter 180 --T Templates_white.mrcs "

@@ -3,6 +3,7 @@
 // NORMALIZATION and PICKING, and the closing banner.
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +23,7 @@
 #include "driver/zavik_run.h"
 #include "formats/boxfile.h"
 #include "formats/mrcfile.h"
+#include "parallel/zk_parallel.h"
 
 // The driver reports in the name of main, the program's one entry.
 #define MAIN_FATAL(msg) zk_fatal("main", zk_basename(__FILE__), __LINE__, (msg))
@@ -59,6 +61,7 @@ struct ZkCacheGuard {
 void pass_over(ZkRun* run, const std::string& why, const char* what_next) {
   printf("\x1b[41m\x1b[1m\x1b[5m%s %s\x1b[m\n\n", why.c_str(), what_next);
   run->failed.push_back(why);
+  run->failed_index.push_back(run->current_index);
 }
 
 // Why the picker cannot square a micrograph of nx by ny at this shrink, or "":
@@ -234,11 +237,21 @@ bool read_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic, Prefetch&
   return true;
 }
 
-void pick_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic) {
+// The share of grid cells that ice detection and exclusion rejected.
+double rejected_share(const ZkRun* run) {
+  std::vector<unsigned int> ice((size_t)run->Gx * run->Gy);
+  ZK_CHECK(memcpy_D2H(ice.data(), run->d_ice.get(), ice.size() * sizeof(unsigned int)));
+  size_t n = 0;
+  for (unsigned int w : ice) n += w != 0;
+  return ice.empty() ? 0.0 : (double)n / (double)ice.size();
+}
+
+void pick_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic, ZkMicSummary* sum) {
   const Zavik_Para* para = run->para;
   zk_clock_open(clock);
   printf("Normalizing the micrograph %s ...\n", mic);
   zavik_stage_normalize(run, mic);
+  if (!is_str_null(para->summary)) sum->rejected_share = rejected_share(run);
   zk_clock_close(clock, "NORMALIZATION");
 
   zk_clock_open(clock);
@@ -254,6 +267,7 @@ void pick_micrograph(ZkRun* run, ZkStageClock* clock, const char* mic) {
   run->nonunique_out.reset();
   if (para->png) zavik_stage_write_picture(run);
   if (para->extract_raw) zavik_stage_extract(run, mic);
+  sum->scores = run->pick_scores;
   printf("File %s finished.\n", mic);
   zk_clock_close(clock, "PICKING");
 }
@@ -280,7 +294,8 @@ int zavik_run(int argc, char** argv, const ZkRunShortcuts& shortcuts) {
   zavik_init_parameters(argc, &para);
   holder.active = true;
   zavik_get_parameters(argc, argv, &para);
-  zavik_fput_parameters(argc, argv, &para, stdout);
+  // The ranks of a job run the same command line: one echo is enough.
+  if (zk_par_rank() == 0) zavik_fput_parameters(argc, argv, &para, stdout);
   if (zk_backend_note()[0]) printf("%s\n", zk_backend_note());
   ZK_CHECK(zk_set_device(para.gid));
 
@@ -294,6 +309,7 @@ int zavik_run(int argc, char** argv, const ZkRunShortcuts& shortcuts) {
   ZkRun run;
   run.para = &para;
   run.shortcuts = shortcuts;
+  const bool want_summary = !is_str_null(para.summary);
 
   // The first usable micrograph fixes the geometry of the run.  One that is
   // there but cannot be picked is reported and the next one is tried; later
@@ -313,6 +329,13 @@ int zavik_run(int argc, char** argv, const ZkRunShortcuts& shortcuts) {
       found = true;
     } else if (k == 0) {
       pass_over(&run, problem, "It gets no results; the next micrograph is tried.");
+      if (want_summary && zk_par_rank() == 0) {
+        ZkMicSummary sum;
+        sum.name = para.first_mic;
+        sum.status = ZkMicStatus::Failed;
+        sum.reason = problem;
+        run.summary_lines.push_back({-1, zavik_summary_line(sum)});
+      }
     } else {
       printf("%s The next micrograph is tried.\n\n", problem.c_str());
     }
@@ -341,24 +364,55 @@ int zavik_run(int argc, char** argv, const ZkRunShortcuts& shortcuts) {
   zk_clock_close(&clock, "PREPARATION");
 
   {
+    // The ranks of a job share the list: micrograph i is rank (i mod ranks)'s.
     Prefetch pf;
-    for (int i = 0; i < para.n_files; ++i) {
+    const int step = zk_par_stride();
+    for (int i = zk_par_first(); i < para.n_files; i += step) {
       const char* mic = para.files[i];
-      if (!read_micrograph(&run, &clock, mic, pf, i)) continue;
-      prefetch_wait(pf);
-      if (run.shortcuts.prefetch && i + 1 < para.n_files) prefetch_start(pf, &run, i + 1, para.files[i + 1]);
-      pick_micrograph(&run, &clock, mic);
+      zk_par_set_current(mic);
+      run.current_index = i;
+      const auto t0 = std::chrono::steady_clock::now();
+      const size_t failed_before = run.failed.size();
+      ZkMicSummary sum;
+      sum.name = mic;
+      if (read_micrograph(&run, &clock, mic, pf, i)) {
+        prefetch_wait(pf);
+        if (run.shortcuts.prefetch && i + step < para.n_files)
+          prefetch_start(pf, &run, i + step, para.files[i + step]);
+        pick_micrograph(&run, &clock, mic, &sum);
+      } else if (run.failed.size() > failed_before) {
+        sum.status = ZkMicStatus::Failed;
+        sum.reason = run.failed.back();
+      } else {
+        sum.status = ZkMicStatus::Skipped;
+      }
+      sum.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+      if (want_summary) run.summary_lines.push_back({i, zavik_summary_line(sum)});
     }
   }
-
   zavik_stage_finish_search(&run);
+  zk_par_set_current("");
+
+  // Every rank's failures and summary lines reach rank 0 in list order; the
+  // first micrograph's own failure is counted once, by rank 0.
+  std::vector<ZkParItem> mine;
+  for (size_t k = 0; k < run.failed.size(); ++k)
+    if (run.failed_index[k] >= 0 || zk_par_rank() == 0) mine.push_back({run.failed_index[k], run.failed[k]});
+  const std::vector<ZkParItem> failed = zk_par_gather(mine);
+  const std::vector<ZkParItem> lines = zk_par_gather(run.summary_lines);
+  if (zk_par_rank() != 0) {
+    printf("Rank %d of %d finished its share of the %d files.\n", zk_par_rank(), zk_par_size(), para.n_files);
+    return 0;
+  }
+  if (want_summary) zavik_summary_write(para.summary, lines);
+
   put_line('#', 129, "\n");
-  if (run.failed.empty()) {
+  if (failed.empty()) {
     printf("All %d files finished successfully:\n", para.n_files);
   } else {
     printf("Finished %d files; %d micrographs could not be picked and have no results:\n", para.n_files,
-           (int)run.failed.size());
-    for (const std::string& why : run.failed) printf("    %s\n", why.c_str());
+           (int)failed.size());
+    for (const ZkParItem& why : failed) printf("    %s\n", why.text.c_str());
   }
   zk_clock_close(&clock, "TOTAL");
   put_line('#', 129, "\n\n");

@@ -12,6 +12,7 @@
 #include "core/str_utils.h"
 #include "device/cuda_general.h"
 #include "driver/zavik_help.h"
+#include "parallel/zk_parallel.h"
 
 namespace {
 
@@ -80,10 +81,11 @@ const ZkOption OPTIONS[] = {
     ZK_OPT(gid, OPT_INT, "%d", true),
     ZK_OPT(fill_rejected, OPT_FLAG, "%d", false),
     ZK_OPT(png, OPT_INT, "%d", true),
+    ZK_OPT(summary, OPT_NAME, "%s", false),
 };
 #undef ZK_OPT
 constexpr int N_OPTIONS = (int)(sizeof OPTIONS / sizeof OPTIONS[0]);
-static_assert(N_OPTIONS == 48, "the record has 48 option words");
+static_assert(N_OPTIONS == 49, "the record has 49 option words");
 
 int find_option(const char* word) {
   for (int k = 0; k < N_OPTIONS; ++k)
@@ -165,7 +167,9 @@ void zavik_init_parameters(int argc, Zavik_Para* para) {
   para->T = (char*)calloc(ZK_TXT_LEN, 1);
   para->excluded_suffix = (char*)calloc(ZK_TXT_LEN, 1);
   para->global_excluded_box = (char*)calloc(ZK_TXT_LEN, 1);
+  para->summary = (char*)calloc(ZK_TXT_LEN, 1);
   strlcpy(para->T, "NULL");
+  strlcpy(para->summary, "NULL");
   strlcpy(para->excluded_suffix, "NULL");
   strlcpy(para->global_excluded_box, "NULL");
 
@@ -231,8 +235,9 @@ void zavik_free_parameters(Zavik_Para* para) {
   free(para->T);
   free(para->excluded_suffix);
   free(para->global_excluded_box);
+  free(para->summary);
   para->files = nullptr;
-  para->T = para->excluded_suffix = para->global_excluded_box = nullptr;
+  para->T = para->excluded_suffix = para->global_excluded_box = para->summary = nullptr;
 }
 
 int zavik_grid_cell(const Zavik_Para* para) {
@@ -349,6 +354,8 @@ void zavik_get_parameters(int argc, char** argv, Zavik_Para* para) {
   para->lave_R = para->lave_D / (shrink * (para->apixM + para->apixM));
 
   if (para->n_files == 0) zavik_help_exit(argv[0], "No valid files to be processed.");
+  // The ranks of a job on one machine take its GPUs in turn, unless --gid says.
+  if (zk_par_size() > 1 && !given[option_index("gid")]) para->gid = zk_device_of_local_rank(zk_par_local_rank());
   if (check_and_set_gid(para->gid) == -1) zavik_help_exit(argv[0], "Failed to find any usable GPU device!");
 
   if (!given[option_index("diameter")])
@@ -466,6 +473,10 @@ void zavik_fput_parameters(int argc, char** argv, Zavik_Para* para, FILE* fp) {
   if (para->png) {
     static const char* const picture[] = {"png"};
     put_used_rows(fp, para, picture, 1);
+  }
+  if (!is_str_null(para->summary)) {
+    static const char* const summary[] = {"summary"};
+    put_used_rows(fp, para, summary, 1);
   }
 
   fprintf(fp, "\n\nAll %d files to be used:\n", para->n_files);

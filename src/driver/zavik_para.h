@@ -74,6 +74,9 @@ struct Zavik_Para {
   // --png N: a picture of each micrograph and its picks, binned N times,
   // "_zavik.png"; 0 (the default) writes none.
   int png;
+  // --summary: a STAR file with one line per micrograph of the run (picks,
+  // scores, rejected share, time, status); "NULL" writes none.  1024 bytes.
+  char* summary;
 };
 
 // Allocates files (argc pointers) and the three name buffers, stores "NULL" in

@@ -15,6 +15,7 @@
 #include "core/str_utils.h"
 #include "device/cuda_general.h"
 #include "driver/zavik_para.h"
+#include "driver/zavik_summary.h"
 #include "formats/boxfile.h"
 #include "formats/mrcfile.h"
 #include "formats/safe_output.h"
@@ -99,8 +100,16 @@ struct ZkRun {
   std::vector<ZkPick> picks;
 
   // Micrographs that could not be picked, each by its reason (a line that
-  // names it); the closing banner lists them.
+  // names it) and its place in the list (-1 while the first usable one is
+  // sought); the closing banner lists them.
   std::vector<std::string> failed;
+  std::vector<int> failed_index;
+  int current_index = -1;
+
+  // For the run summary: the scores of the current micrograph's picks, and
+  // this rank's summary lines by their place in the list.
+  std::vector<float> pick_scores;
+  std::vector<ZkParItem> summary_lines;
 
   // Set by NORMALIZATION, with a warning, when the current micrograph has no
   // score to search: every grid cell is rejected (the mask sums to 0, so the

@@ -291,6 +291,8 @@ void zavik_stage_box_filter(ZkRun* run) {
                        is_str_null(run->excluded_name) ? nullptr : run->boxes_excluded.data(),
                        is_str_null(run->excluded_name) ? 0 : run->n_excluded);
   if (para->cc_auto && !run->no_picks) zavik_apply_auto_cutoff(run, picks);
+  run->pick_scores.clear();
+  for (const ZkPick& p : picks) run->pick_scores.push_back(p.cc);
   ZkOutFile box, star;
   write_box_filter_picks(zk_out_open(box, run->box_name), picks, 2, para->boxsize, para->boxsize, run->origin);
   if (para->write_star)

@@ -1,9 +1,15 @@
-// The CTF engine's entry: everything lives in the library.
-#include "ctf/kesmar.h"
+// The CTF engine's entry: everything lives in the library.  Under mpirun each
+// rank runs the same command line on its share of the micrographs; a rank
+// that fails ends the whole job.
+#include <cstdio>
 
 #include "core/report.h"
+#include "ctf/kesmar.h"
+#include "parallel/zk_parallel.h"
 
-int main(int argc, char** argv) {
+namespace {
+
+int run(int argc, char** argv) {
   try {
     KESMAR_A run;
     return run.kesmar_run_all(argc, argv);
@@ -11,4 +17,18 @@ int main(int argc, char** argv) {
     zk_print_error(e);
     return e.status();
   }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  zk_par_init(&argc, &argv);
+  if (zk_par_size() > 1) zk_par_tag_output();
+  const int status = run(argc, argv);
+  if (status != 0 && zk_par_size() > 1) {
+    fputs(zk_par_failure_line().c_str(), stdout);
+    zk_par_abort(status);
+  }
+  zk_par_finalize();
+  return status;
 }
