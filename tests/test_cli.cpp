@@ -61,20 +61,6 @@ TEST(Cli, HelpUsageAndUnknownWords) {
   }
 }
 
-// The messages themselves are matched in the tests of the parameter scan.
-TEST(Cli, ParameterFailuresEndWithStatusOneBeforeTheEcho) {
-  const std::string cases[][2] = {
-      {"--speed 9 m.mrc", ": speed level must belong to {0,1,2,3,4}! Exit now!\n"},
-      {"--apixM 1.0 --diameter 40 --write_star /m.mrc", "No valid files to be processed."},  // the switch takes it
-  };
-  for (const auto& c : cases) {
-    std::string out;
-    EXPECT_EQ(run_zavik(c[0], &out), 1) << c[0];
-    EXPECT_TRUE(zk_has(out, c[1])) << c[0] << "\n" << out;
-    EXPECT_FALSE(zk_has(out, "User input parameters")) << c[0];
-  }
-}
-
 TEST(Cli, NoUsableMicrographStopsWithOneLine) {
   ZkTmpDir dir;
   std::string out;
