@@ -38,13 +38,6 @@ const std::string kStarHead =
     "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n"
     "_rlnClassNumber #4\n_rlnAutopickFigureOfMerit #5\n";
 
-void put_file(const std::string& path, const std::string& text) {
-  FILE* f = fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  fwrite(text.data(), 1, text.size(), f);
-  fclose(f);
-}
-
 void write_raw(const std::string& path, const std::vector<Cand>& cands) {
   FILE* f = fopen(path.c_str(), "w");
   ASSERT_NE(f, nullptr);
@@ -176,28 +169,28 @@ TEST(BoxFilter, ExclusionIsStrictScaledByShrinkAndShiftedByTheOrigin) {
   Params p;
   p.excluded = dir / "m_excluded.star";
   // limit2 · shrink² = 200: a .star centre at squared distance 200 leaves it.
-  put_file(p.excluded, kStarHead + "65 65 0 0 1\n");
+  zk_put(p.excluded, kStarHead + "65 65 0 0 1\n");
   EXPECT_EQ(picks(dir, c, p), kept);
-  put_file(p.excluded, kStarHead + "65 64 0 0 1\n");
+  zk_put(p.excluded, kStarHead + "65 64 0 0 1\n");
   EXPECT_EQ(filter(dir, c, 2, p), "");
   // A box record counts by its centre (60 + 10/2, 59 + 10/2) = (65, 64).
   p.excluded = dir / "m_excluded.box";
-  put_file(p.excluded, "500 500 10 10\n60 59 10 10\n");
+  zk_put(p.excluded, "500 500 10 10\n60 59 10 10\n");
   EXPECT_EQ(filter(dir, c, 2, p), "");
-  put_file(p.excluded, "60 60 10 10\n");
+  zk_put(p.excluded, "60 60 10 10\n");
   EXPECT_EQ(picks(dir, c, p), kept);
   // Shrink 2: raw position (110, 110), limit 800.
   p.shrink = 2.0f;
   p.excluded = dir / "m_excluded.star";
-  put_file(p.excluded, kStarHead + "130 130 0 0 1\n");
+  zk_put(p.excluded, kStarHead + "130 130 0 0 1\n");
   EXPECT_EQ(filter(dir, c, 1, p), kStarHead + star_line(110, 110, 0.5f));
-  put_file(p.excluded, kStarHead + "130 129 0 0 1\n");
+  zk_put(p.excluded, kStarHead + "130 129 0 0 1\n");
   EXPECT_EQ(filter(dir, c, 1, p), kStarHead);
   // The origin shifts the candidate in the test: 110 + 10 against 140.
   p.origin = make_i2(10, 0);
-  put_file(p.excluded, kStarHead + "140 130 0 0 1\n");
+  zk_put(p.excluded, kStarHead + "140 130 0 0 1\n");
   EXPECT_EQ(filter(dir, c, 1, p), kStarHead + star_line(120, 110, 0.5f));
-  put_file(p.excluded, kStarHead + "140 129 0 0 1\n");
+  zk_put(p.excluded, kStarHead + "140 129 0 0 1\n");
   EXPECT_EQ(filter(dir, c, 1, p), kStarHead);
 }
 
@@ -209,7 +202,7 @@ TEST(BoxFilter, ExclusionListIsReadWholeAndMayBeMissing) {
   const std::vector<Cand> c = {{15, 15, 0.5f, 0, 0}};
   std::string far;
   for (int i = 0; i < 99; ++i) far += "1000 1000 0 0\n";
-  put_file(p.excluded, far + "15 15 0 0\n");  // more records than cells: the last one counts too
+  zk_put(p.excluded, far + "15 15 0 0\n");  // more records than cells: the last one counts too
   EXPECT_EQ(filter(dir, c, 2, p), "");
   // A missing list is reported and filtering goes on.
   p.excluded = dir / "absent.box";
@@ -257,14 +250,14 @@ TEST(BoxFilter, EmptyShortAndHostileRawLines) {
   raw += "-50 -50 10 10 0.9 0 0\n";                                   // negative centre
   raw += "50 50 10 10 nan 0 0\n";                                     // no score
   raw += std::string("\xff\xfe 1 2 3 4 5 6\n") + std::string("40 40\0 10 10 0.9 0 0\n", 21);
-  put_file(dir / "m_nonunique.box", raw);
+  zk_put(dir / "m_nonunique.box", raw);
   EXPECT_EQ(filter(dir, {}, 2), "33      33      4       4       0.500000\t0       0.000000\n"
                                 "63      63      4       4       0.400000\t1       7.000000\n");
 }
 
 TEST(BoxFilter, FailuresEndTheRunAndLeaveOldResultsInPlace) {
   ZkTmpDir dir;
-  put_file(dir / "m_zavik.box", "old\n");
+  zk_put(dir / "m_zavik.box", "old\n");
   const std::string raw = dir / "m_nonunique.box", out = dir / "m_zavik.box";
   EXPECT_FAILS("Cannot open file .*m_nonunique.box. Permission denied or wrong file name.\n"
               "Error in function box_filter.*open file failed.! Exit now!",

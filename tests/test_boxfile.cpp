@@ -11,13 +11,6 @@
 
 namespace {
 
-void put_file(const std::string& path, const std::string& text) {
-  FILE* f = fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  fwrite(text.data(), 1, text.size(), f);
-  fclose(f);
-}
-
 // The records of a file holding text; what the reader prints goes to *said.
 struct Reader {
   std::vector<PTCL_BOX> boxes;
@@ -29,7 +22,7 @@ struct Reader {
     said = zk_stdout([&] { n = read_all_ptcl_boxes(boxes.data(), max, path.c_str()); });
   }
   Reader(const ZkTmpDir& dir, const char* name, const std::string& text, int max = 64)
-      : Reader((put_file(dir / name, text), dir / name), max) {}
+      : Reader((zk_put(dir / name, text), dir / name), max) {}
 };
 
 void expect_box(const PTCL_BOX& b, int x, int y, int w, int h, float cc, int cls, float psi) {
@@ -79,7 +72,7 @@ TEST(BoxReader, OneToThreeWordsEndTheProcess) {
   PTCL_BOX b[4];
   for (const char* bad : {"7\n", "7 8\n", "1 2 3 4\n7 8 9\n", "1 2 3 4\r\n\r\n5\r\n", "# x y\n12 13 14 15\n"}) {
     SCOPED_TRACE(bad);
-    put_file(dir / "bad.box", bad);
+    zk_put(dir / "bad.box", bad);
     EXPECT_FAILS("Error in function .*: unrecognized box format!! Exit now!",
                  read_all_ptcl_boxes(b, 4, (dir / "bad.box").c_str()));
   }
@@ -255,7 +248,7 @@ TEST(NeighborBoxes, DiscMatchesAHandCount) {
 
 TEST(NeighborBoxes, FromAFileTakesTheParticlesWithinTheRadius) {
   ZkTmpDir dir;
-  put_file(dir / "n.box",
+  zk_put(dir / "n.box",
            "90 90 20 20\n"     // centre (100, 100): distance 0
            "96 84 20 20\n"     // (106, 94): r2 72
            "120 90 20 20\n"    // (130, 100): r2 900, outside 20
@@ -288,7 +281,7 @@ TEST(BoxLibrary, PrintCountAndGrid) {
   EXPECT_EQ(zk_slurp(dir / "p.box"), expect);
   EXPECT_EQ(zk_stdout([&] { print_all_ptcl_boxes(b, 3); }), expect);
 
-  put_file(dir / "c.box", "1 2 3 4 5 6 7\n1 2 3 4 5 6\n\n1 2 3 4 5 6 7 8\n");
+  zk_put(dir / "c.box", "1 2 3 4 5 6 7\n1 2 3 4 5 6\n\n1 2 3 4 5 6 7 8\n");
   EXPECT_EQ(get_ptcl_number_from_boxf((dir / "c.box").c_str()), 2);
 
   // Both ends included, x in the inner loop.

@@ -70,12 +70,6 @@ TEST(CtfModel, ModeValuesAtChosenPoints) {
   EXPECT_GT(hd_ctfinfo_s_r(0.1f, 0.0f, c, RESO{50, 4}, 'W'), 0.0f);
 }
 
-TEST(CtfModel, DefocusAlongAzimuthIsUAtTheAngle) {
-  EXPECT_NEAR(hd_UVA_to_Ztheta((float)(20 * PI / 180), 15000, 17000, 20), 15000, 0.01);
-  EXPECT_NEAR(hd_UVA_to_Ztheta((float)(110 * PI / 180), 15000, 17000, 20), 17000, 0.01);
-  EXPECT_NEAR(hd_UVA_to_Ztheta(0.7f, 15000, 17000, 20), R.z(0.7), 0.01);
-}
-
 // First zeros and inverse formulae: the smaller root of Cz s^2 - Ccs s^4 = gamma.
 TEST(CtfModel, FirstZeroAndInverseFormulae) {
   struct Case {

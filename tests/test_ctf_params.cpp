@@ -165,11 +165,8 @@ TEST(KesmarParams, EchoLines) {
 TEST(KesmarParams, StartingValuesFromStar) {
   ZkTmpDir dir;
   const std::string star = dir / "in.star";
-  FILE* fp = fopen(star.c_str(), "w");
-  fprintf(fp,
-          "\ndata_\n\nloop_\n_rlnMicrographName #1\n_rlnDefocusU #2\n_rlnDefocusV #3\n_rlnDefocusAngle #4\n"
-          "_rlnPhaseShift #5\nm1.mrc 11000 12000 33 40\nshort.mrc 1 2\nm2.mrc 0 15000 10 0\n");
-  fclose(fp);
+  zk_put(star, "\ndata_\n\nloop_\n_rlnMicrographName #1\n_rlnDefocusU #2\n_rlnDefocusV #3\n_rlnDefocusAngle #4\n"
+               "_rlnPhaseShift #5\nm1.mrc 11000 12000 33 40\nshort.mrc 1 2\nm2.mrc 0 15000 10 0\n");
   Parsed p({"--input_ctfstar", star, "--refine_input_ctf", "1", "x.mrc"});
   ASSERT_EQ(p.p().nfiles, 3);
   EXPECT_EQ(p.p().nfiles_search, 1);

@@ -127,11 +127,8 @@ TEST(KesmarRun, RelionReadsSummaryAndGivenValuesRefine) {
   ZkTmpDir dir;
   synth("--out " + dir / "g.mrc" + " --nx 1024 --ny 1024 --defu 17000 --defv 18200 --angle 140 --seed 12 --truth " +
         dir / "truth.star");
-  FILE* fp = fopen((dir / "in.star").c_str(), "w");
-  fprintf(fp,
-          "\ndata_\n\nloop_\n_rlnMicrographName #1\n_rlnDefocusU #2\n_rlnDefocusV #3\n_rlnDefocusAngle #4\n"
-          "g.mrc 17300 18000 35\n");
-  fclose(fp);
+  zk_put(dir / "in.star", "\ndata_\n\nloop_\n_rlnMicrographName #1\n_rlnDefocusU #2\n_rlnDefocusV #3\n_rlnDefocusAngle #4\n"
+                          "g.mrc 17300 18000 35\n");
   std::string out;
   ASSERT_EQ(kesmar(dir.path, "--apix 1 --boxsize 512 --input_ctfstar in.star --refine_input_ctf 1", &out), 0) << out;
   EXPECT_NE(out.find("input: PS = 0.000000, defocus_U = 17300.000000, defocus_V = 18000.000000,"), std::string::npos);
@@ -236,9 +233,7 @@ TEST(KesmarRun, UnfinishedAndKilledRuns) {
   // m1's log loses its end, as a log of an older run that stopped.
   std::string log1 = zk_slurp(dir / "m1_kesmar.log");
   log1.resize(log1.size() / 2);
-  FILE* fp = fopen((dir / "m1_kesmar.log").c_str(), "w");
-  fputs(log1.c_str(), fp);
-  fclose(fp);
+  zk_put(dir / "m1_kesmar.log", log1);
   ASSERT_EQ(kesmar(dir.path, "--apix 1 --boxsize 512 --do_unfinished 1 m0.mrc m1.mrc m2.mrc", &out), 0) << out;
   EXPECT_NE(out.find("CTF parameter of \x1b[42mm0.mrc\x1b[m already determined. Automatically skipped.\n"),
             std::string::npos);

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "backend_fixture.h"
 #include "device/cuda_fft.h"
 #include "device/cuda_general.h"
 #include "device/process2d_local.h"
@@ -16,10 +17,6 @@
 #include "toolbox_files.h"
 
 namespace {
-
-bool same(const std::vector<float>& a, const std::vector<float>& b) {
-  return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
-}
 
 // The library's device operation on a host image.
 template <class F>
@@ -32,35 +29,29 @@ std::vector<float> on_device(const std::vector<float>& in, size_t out_n, F op) {
   return h;
 }
 
-void write_text(const std::string& path, const std::string& text) {
-  FILE* fp = fopen(path.c_str(), "w");
-  fputs(text.c_str(), fp);
-  fclose(fp);
-}
-
 }  // namespace
 
 TEST(ImagefileCommands, RotationsAndTransformPrintTheirLinesAndKeepThePixel) {
   ZkTmpDir dir;
   const int nx = 9, ny = 7;
-  const std::vector<float> a = random_values(nx * ny, 1);
+  const std::vector<float> a = zk_uniform(nx * ny, 1);
   write_test_mrc(dir / "a.mrc", a, nx, ny, 1, 2, 2.0f);
-  std::string text = printed_by([&] { mrcf_cuda_2d_rotate((dir / "a.mrc").c_str(), (dir / "r.mrc").c_str(), 30); });
+  std::string text = zk_stdout([&] { mrcf_cuda_2d_rotate((dir / "a.mrc").c_str(), (dir / "r.mrc").c_str(), 30); });
   EXPECT_EQ(text, "Begin Rotation 30.000000:\nRotation finished!\n");
   const TestMrc r = read_test_mrc(dir / "r.mrc");
-  EXPECT_TRUE(same(r.v, on_device(a, a.size(), [&](float* i, float* o) { hcuda_2d_rotate(i, o, nx, ny, 30); })));
+  EXPECT_TRUE(same_bits(r.v, on_device(a, a.size(), [&](float* i, float* o) { hcuda_2d_rotate(i, o, nx, ny, 30); })));
   EXPECT_FLOAT_EQ(mrc_head_apix(&r.head), 2.0f);
 
-  text = printed_by(
+  text = zk_stdout(
       [&] { mrcf_cuda_2d_translate_rotate((dir / "a.mrc").c_str(), (dir / "tr.mrc").c_str(), 1.5f, -2, 45); });
   EXPECT_EQ(text,
             "Begin translating (1.500000, -2.000000) and rotating 45.000000:\nTranslation and rotation finished!\n");
-  EXPECT_TRUE(same(read_test_mrc(dir / "tr.mrc").v, on_device(a, a.size(), [&](float* i, float* o) {
+  EXPECT_TRUE(same_bits(read_test_mrc(dir / "tr.mrc").v, on_device(a, a.size(), [&](float* i, float* o) {
                      hcuda_2d_translate_rotate(i, o, nx, ny, 1.5f, -2, 45);
                    })));
 
   RT_Mat2D m = {1, 0, 0, 1, 2, -1};
-  text = printed_by([&] { mrcf_cuda_2d_transform((dir / "a.mrc").c_str(), (dir / "t.mrc").c_str(), m, 1); });
+  text = zk_stdout([&] { mrcf_cuda_2d_transform((dir / "a.mrc").c_str(), (dir / "t.mrc").c_str(), m, 1); });
   EXPECT_EQ(text,
             "Begin  transform :\nTransform Matrix (R11, R12, R21, R22, Tx, Ty):\n"
             "                 (   1.000   0.000   0.000   1.000   2.000  -1.000)\ntransforming finished!\n");
@@ -84,9 +75,9 @@ TEST(ImagefileCommands, RotationsAndTransformPrintTheirLinesAndKeepThePixel) {
 TEST(ImagefileCommands, ShrinkTakesBlockMeans) {
   ZkTmpDir dir;
   const int nx = 100, ny = 101;
-  const std::vector<float> a = random_values(nx * ny, 2);
+  const std::vector<float> a = zk_uniform(nx * ny, 2);
   write_test_mrc(dir / "a.mrc", a, nx, ny, 1, 2, 1.5f);
-  EXPECT_EQ(printed_by([&] { mrcf_cuda_2d_shrink((dir / "a.mrc").c_str(), (dir / "s.mrc").c_str(), 4); }),
+  EXPECT_EQ(zk_stdout([&] { mrcf_cuda_2d_shrink((dir / "a.mrc").c_str(), (dir / "s.mrc").c_str(), 4); }),
             "shrinking finished!\n");
   const TestMrc s = read_test_mrc(dir / "s.mrc");
   ASSERT_EQ(s.nx(), 25);
@@ -106,7 +97,7 @@ TEST(ImagefileCommands, ShrinkTakesBlockMeans) {
 TEST(ImagefileCommands, ShiftsLocalStatisticsAndCorrelation) {
   ZkTmpDir dir;
   const int nx = 16, ny = 12;
-  const std::vector<float> a = random_values(nx * ny, 3);
+  const std::vector<float> a = zk_uniform(nx * ny, 3);
   write_test_mrc(dir / "a.mrc", a, nx, ny);
   // Whole pixels: the content moves by (+2, -3), periodically.
   mrcf_2d_fourier_shift((dir / "a.mrc").c_str(), (dir / "sh.mrc").c_str(), 2, -3);
@@ -114,7 +105,7 @@ TEST(ImagefileCommands, ShiftsLocalStatisticsAndCorrelation) {
   for (int y = 0; y < ny; ++y)
     for (int x = 0; x < nx; ++x)
       ASSERT_NEAR(sh.v[y * nx + x], a[((y + 3) % ny) * nx + (x - 2 + nx) % nx], 1e-5) << x << "," << y;
-  write_test_mrc(dir / "odd.mrc", random_values(15 * 12, 4), 15, 12);
+  write_test_mrc(dir / "odd.mrc", zk_uniform(15 * 12, 4), 15, 12);
   EXPECT_FAILS("file size not even number! Exit now!",
                mrcf_2d_fourier_shift((dir / "odd.mrc").c_str(), (dir / "o.mrc").c_str(), 1, 1));
 
@@ -126,7 +117,7 @@ TEST(ImagefileCommands, ShiftsLocalStatisticsAndCorrelation) {
   mrcf_2d_lsigma((dir / "a.mrc").c_str(), (dir / "ls.mrc").c_str(), 3, 2);
   std::vector<float> want(a.size());
   gpu_2d_local_sigma_softR(want.data(), a.data(), nx, ny, 3, 2);
-  EXPECT_TRUE(same(read_test_mrc(dir / "ls.mrc").v, want));
+  EXPECT_TRUE(same_bits(read_test_mrc(dir / "ls.mrc").v, want));
 
   // The correlation of the shifted copy with the image peaks at the shift
   // from the centre, and is 1 there.
@@ -226,7 +217,7 @@ TEST(ImagefileCommands, MasksAndTemplates) {
   w[1 * 12 + 2 * 4 + 3] = 1;
   w[0 * 12 + 0 * 4 + 1] = 1;
   write_test_mrc(dir / "w.mrc", w, 4, 3, 2);
-  EXPECT_EQ(printed_by([&] { get_mrcf_mass_center((dir / "w.mrc").c_str()); }),
+  EXPECT_EQ(zk_stdout([&] { get_mrcf_mass_center((dir / "w.mrc").c_str()); }),
             "mass center (cenx, ceny, cenz):     2.000    1.000    0.500 \n");
 }
 
@@ -237,7 +228,7 @@ TEST(ImagefileCommands, ParticlesPastedOverAMicrograph) {
   for (int i = 0; i < 9; ++i) stack[i] = 1, stack[9 + i] = 2;
   write_test_mrc(dir / "st.mrcs", stack, 3, 3, 2);
   // The second box hangs over the right edge and is clipped.
-  write_text(dir / "b.box", "2\t3\t3\t3\n18\t10\t3\t3\n");
+  zk_put(dir / "b.box", "2\t3\t3\t3\n18\t10\t3\t3\n");
   mrcf_x2d_cp_ptcls_to_micrograph((dir / "mic.mrc").c_str(), (dir / "st.mrcs").c_str(), (dir / "b.box").c_str());
   const TestMrc p = read_test_mrc(dir / "mic_prp.mrc");
   EXPECT_EQ(p.v[3 * 20 + 2], 1.0f);
@@ -245,7 +236,7 @@ TEST(ImagefileCommands, ParticlesPastedOverAMicrograph) {
   EXPECT_EQ(p.v[6 * 20 + 4], 0.0f);
   EXPECT_EQ(p.v[12 * 20 + 19], 2.0f);
   EXPECT_EQ(p.v[12 * 20 + 17], 0.0f);
-  write_text(dir / "one.box", "2\t3\t3\t3\n");
+  zk_put(dir / "one.box", "2\t3\t3\t3\n");
   EXPECT_FAILS(
       "Particle number in the stack file does not equal that in box file! Exit now!",
       mrcf_x2d_cp_ptcls_to_micrograph((dir / "mic.mrc").c_str(), (dir / "st.mrcs").c_str(), (dir / "one.box").c_str()));
@@ -255,8 +246,8 @@ TEST(ImagefileCommands, ParticlesPastedOverAMicrograph) {
   EXPECT_FAILS("The stack .*st.mrcs \\(3 x 3 x 2\\) and the reference .*ref.mrcs \\(4 x 4 x 2\\) differ in size",
                mrcf_x2d_norm_cp_ptcls_to_micrograph((dir / "mic.mrc").c_str(), (dir / "st.mrcs").c_str(),
                                                     (dir / "ref.mrcs").c_str(), (dir / "b.box").c_str()));
-  const std::vector<float> mic2 = random_values(20 * 16, 5), st2 = random_values(3 * 3 * 2, 6),
-                           ref2 = random_values(3 * 3 * 2, 7);
+  const std::vector<float> mic2 = zk_uniform(20 * 16, 5), st2 = zk_uniform(3 * 3 * 2, 6),
+                           ref2 = zk_uniform(3 * 3 * 2, 7);
   write_test_mrc(dir / "mic2.mrc", mic2, 20, 16);
   write_test_mrc(dir / "st2.mrcs", st2, 3, 3, 2);
   write_test_mrc(dir / "ref2.mrcs", ref2, 3, 3, 2);
@@ -266,5 +257,5 @@ TEST(ImagefileCommands, ParticlesPastedOverAMicrograph) {
   PTCL_BOX boxes[2] = {{2, 3, 3, 3, 0, 0, 0, 0}, {18, 10, 3, 3, 0, 0, 0, 0}};
   cpu_x2d_norm_cp_ptcls_to_micrograph(want.data(), 20, 16, st2.data(), ref2.data(), 3, 3, boxes, 2);
   EXPECT_NE(want, mic2);
-  EXPECT_TRUE(same(read_test_mrc(dir / "mic2_prp.mrc").v, want));
+  EXPECT_TRUE(same_bits(read_test_mrc(dir / "mic2_prp.mrc").v, want));
 }

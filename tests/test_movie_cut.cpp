@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -18,12 +17,6 @@
 
 namespace {
 
-void write_text(const std::string& p, const std::string& text) {
-  FILE* f = fopen(p.c_str(), "w");
-  fputs(text.c_str(), f);
-  fclose(f);
-}
-
 // A 64 x 56 movie of 5 frames, and a list with one box over the left edge,
 // one over the bottom right corner and one inside.
 struct MovieSet {
@@ -34,12 +27,9 @@ struct MovieSet {
   MovieSet() {
     movie = dir / "mov.mrc";
     boxf = dir / "mov_zavik.box";
-    std::mt19937 rng(3);
-    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
-    data.resize((size_t)nx * ny * F);
-    for (float& v : data) v = u(rng);
+    data = zk_uniform((size_t)nx * ny * F, 3);
     mrcf_write_xyz_data(movie.c_str(), data.data(), nx, ny, F);
-    write_text(boxf, "-6 10 24 24\n50 40 24 24\n20 20 24 24\n");
+    zk_put(boxf, "-6 10 24 24\n50 40 24 24\n20 20 24 24\n");
   }
 };
 

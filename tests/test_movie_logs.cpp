@@ -10,12 +10,6 @@
 
 namespace {
 
-void put(const std::string& path, const std::string& text) {
-  FILE* fp = fopen(path.c_str(), "w");
-  fputs(text.c_str(), fp);
-  fclose(fp);
-}
-
 const std::string W = "Warning in function ";
 const std::string DD_LINES =
     "get_dose_smoothed_drift_from_txt\\(\\), file pre_shiny6_logs.cpp on line [0-9]+: Can not get lines from "
@@ -45,7 +39,7 @@ TEST(MovieLogs, DoseDriftReader) {
   };
   ZkTmpDir dir;
   for (const DdCase& c : cases) {
-    put(dir / "dd.txt", c.text);
+    zk_put(dir / "dd.txt", c.text);
     std::vector<float> dose(3, -9.0f);
     std::vector<float2> drift(3, make_f2(-9, -9));
     int r = 0;
@@ -62,7 +56,7 @@ TEST(MovieLogs, DoseDriftReader) {
       EXPECT_TRUE(zk_matches(o.text, "^" + c.printed)) << c.what << ":\n" << o.text;
   }
   // The drift values of the plain and the delimiter cases.
-  put(dir / "dd.txt", "#0 1.5 2.5 3.5\r\n1,2,-3,4\r\n2;3:4\t5\r\n");
+  zk_put(dir / "dd.txt", "#0 1.5 2.5 3.5\r\n1,2,-3,4\r\n2;3:4\t5\r\n");
   std::vector<float> dose(3);
   std::vector<float2> drift(3);
   ASSERT_EQ(get_dose_smoothed_drift_from_txt(dose.data(), drift.data(), 3, (dir / "dd.txt").c_str()), 0);
@@ -74,7 +68,7 @@ TEST(MovieLogs, DoseDriftReader) {
 
 TEST(MovieLogs, TooFewFramesAndMissingFilesAreFatal) {
   ZkTmpDir dir;
-  put(dir / "dd.txt", "0 1 1 1\n1 2 2 2\n");
+  zk_put(dir / "dd.txt", "0 1 1 1\n1 2 2 2\n");
   std::vector<float> dose(3);
   std::vector<float2> drift(3);
   EXPECT_FAILS("Error in function get_dose_smoothed_drift_from_txt\\(\\), file pre_shiny6_logs.cpp on line [0-9]+: "
@@ -93,7 +87,7 @@ TEST(MovieLogs, TooFewFramesAndMissingFilesAreFatal) {
 
 TEST(MovieLogs, DriftReaderEchoesLinesAndPassesShortOnesOver) {
   ZkTmpDir dir;
-  put(dir / "d.txt", "0 0.5 -1\nnote\n1:2:3\n2 4 5\n");
+  zk_put(dir / "d.txt", "0 0.5 -1\nnote\n1:2:3\n2 4 5\n");
   std::vector<float2> drift(3);
   testing::internal::CaptureStdout();
   EXPECT_EQ(get_drift_from_txt(drift.data(), 3, (dir / "d.txt").c_str()), 0);
@@ -105,13 +99,13 @@ TEST(MovieLogs, DriftReaderEchoesLinesAndPassesShortOnesOver) {
   EXPECT_EQ(drift[1].x, 2.0f);
   EXPECT_EQ(drift[2].y, 5.0f);
 
-  put(dir / "d.txt", "0 0 0\n5 1 1\n");
+  zk_put(dir / "d.txt", "0 0 0\n5 1 1\n");
   const ZkOutcome o = zk_outcome([&]() { EXPECT_EQ(get_drift_from_txt(drift.data(), 3, (dir / "d.txt").c_str()), -1); });
   EXPECT_TRUE(zk_matches(o.text, "\\.\\.\\.\\.i = 1, str_line_split\\[0\\]= 5  5 1 1 \nWarning in function "
                                  "get_drift_from_txt\\(\\), .*: Can not get drift parameters from log file. Check "
                                  "file format or parameters. Or have you modified the log file\\?\n!\n$"))
       << o.text;
-  put(dir / "d.txt", "0 0 0\n1 1 1\n");
+  zk_put(dir / "d.txt", "0 0 0\n1 1 1\n");
   const ZkOutcome e = zk_outcome([&]() { EXPECT_EQ(get_drift_from_txt(drift.data(), 3, (dir / "d.txt").c_str()), -1); });
   EXPECT_TRUE(zk_matches(e.text, "Can not get lines from drift log file. Check file format or parameters. Or have you "
                                  "modified the log file\\?\n!\n$"))
@@ -140,7 +134,7 @@ TEST(MovieLogs, CtfWeightReader) {
   };
   ZkTmpDir dir;
   for (const Case& c : cases) {
-    put(dir / "w.txt", c.text);
+    zk_put(dir / "w.txt", c.text);
     std::vector<float> ctfw(4, -9.0f);
     int r = 0;
     const ZkOutcome o = zk_outcome([&]() { r = get_ctfw_from_txt(ctfw.data(), 4, (dir / "w.txt").c_str()); });

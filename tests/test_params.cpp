@@ -281,26 +281,6 @@ TEST(Params, EchoOfAFullCommandLine) {
   EXPECT_EQ(r.echo(), expected);
 }
 
-TEST(Params, EchoOfGivenOptionsShowsCommandTextOrRecordValue) {
-  // --cc_cutoff shows its text converted again; --lp and --center1_ratio show the
-  // record; a flag shows the parsing result and its consumed value prints
-  // nothing; a repeat gets two rows.
-  Parsed r({"--cc_cutoff", "0.25", "--center1_ratio", "0.1", "--update_T", "0", "--lp", "25", "--speed", "3",
-            "--speed", "1", "--gid", "7", "--excluded_suffix", "_x.box", "--T", "NONE", "m.mrc"});
-  const std::string all = r.echo();
-  const size_t b = all.find("User input parameters:\n") + strlen("User input parameters:\n");
-  EXPECT_EQ(all.substr(b, all.find("\nAll parameters to be used:") - b),
-            "       --cc_cutoff          0.250\n"
-            "       --center1_ratio      0.100\n"
-            "       --update_T           0\n"
-            "       --lp                 25.000\n"
-            "       --speed              3\n"
-            "       --speed              1\n"
-            "       --gid                7\n"
-            "       --excluded_suffix    _x.box\n"
-            "       --T                  NONE\n");
-}
-
 // The automatic cutoff and the filling of rejected areas: values of their
 // own, echoed as given; without them the echo keeps its classic rows.
 TEST(Params, AutomaticCutoffAndFillRejected) {

@@ -35,8 +35,8 @@ float block_mean(const std::vector<float>& a, int nx, int ox, int oy, int s) {
 TEST(Shrink, ExtendedSquareMeansMirrorTheShortSide) {
   struct Case {
     int nx, ny, s, sq, sx, sy;
-  } cases[] = {{4096, 4096, 4, 1024, 1024, 1024}, {4096, 3710, 4, 1024, 1024, 926}, {3710, 4096, 4, 1024, 926, 1024},
-               {1001, 1001, 1, 1000, 1000, 1000}, {300, 250, 3, 100, 100, 82},      {3838, 3710, 4, 958, 958, 926}};
+  } cases[] = {{4096, 3710, 4, 1024, 1024, 926}, {3710, 4096, 4, 1024, 926, 1024}, {1001, 1001, 1, 1000, 1000, 1000},
+               {300, 250, 3, 100, 100, 82}};
   for (const Case& c : cases) {
     SCOPED_TRACE(std::to_string(c.nx) + "x" + std::to_string(c.ny) + " by " + std::to_string(c.s));
     ASSERT_EQ(get_max_extended_square_even_size(c.nx, c.ny, c.s), c.sq);

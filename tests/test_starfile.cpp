@@ -171,19 +171,15 @@ TEST(StarLineCount, OneColumnCountsNonNullLinesWiderTablesLinesWithWords) {
     fclose(f);
   }
   ZkTmpDir dir;
-  FILE* f = fopen((dir / "p.star").c_str(), "w");
-  fputs(kPicks, f);
-  fclose(f);
+  zk_put(dir / "p.star", kPicks);
   EXPECT_EQ(get_lineN_from_starf((dir / "p.star").c_str()), 2);
 }
 
 TEST(StarMicrographList, NamesOfTheLinesOfFullWidth) {
   ZkTmpDir dir;
   const std::string m = dir / "m.star", n = dir / "n.star";
-  FILE* f = fopen(m.c_str(), "w");
-  fputs("\ndata_\n\nloop_\n_rlnMicrographName #1\n_rlnDefocusU #2\n_rlnDefocusV #3\n"
-        "mics/a.mrc 10000 11000\nmics/b.mrc 12000\n\nmics/c.mrc 13000 14000 extra\n", f);
-  fclose(f);
+  zk_put(m, "\ndata_\n\nloop_\n_rlnMicrographName #1\n_rlnDefocusU #2\n_rlnDefocusV #3\n"
+         "mics/a.mrc 10000 11000\nmics/b.mrc 12000\n\nmics/c.mrc 13000 14000 extra\n");
   int count = -1;
   char* mics = get_all_micrographs_from_ctfstar(m.c_str(), &count);
   ASSERT_EQ(count, 2);  // the short line is skipped
@@ -191,9 +187,7 @@ TEST(StarMicrographList, NamesOfTheLinesOfFullWidth) {
   EXPECT_STREQ(mics + ZK_TXT_LEN, "mics/c.mrc");
   free(mics);
   // Without the column nothing is stored, but the lines count.
-  f = fopen(n.c_str(), "w");
-  fputs("data_\nloop_\n_rlnDefocusU #1\n_rlnDefocusV #2\n1 2\n3 4\n", f);
-  fclose(f);
+  zk_put(n, "data_\nloop_\n_rlnDefocusU #1\n_rlnDefocusV #2\n1 2\n3 4\n");
   mics = get_all_micrographs_from_ctfstar(n.c_str(), &count);
   EXPECT_EQ(count, 2);
   EXPECT_STREQ(mics, "");

@@ -100,7 +100,7 @@ TEST(ToolboxCli, EachFamilyEndToEnd) {
   std::string out;
   // Images: a right-angle turn from +x toward +y: out(x, y) = in(y, n - 1 - x).
   const int n = 7;
-  const std::vector<float> a = random_values(n * n, 1);
+  const std::vector<float> a = zk_uniform(n * n, 1);
   write_test_mrc(dir / "a.mrc", a, n, n);
   ASSERT_EQ(zktool("rotate " + (dir / "a.mrc") + " " + (dir / "r.mrc") + " 90", &out), 0) << out;
   EXPECT_EQ(out, "Begin Rotation 90.000000:\nRotation finished!\n");
@@ -109,7 +109,7 @@ TEST(ToolboxCli, EachFamilyEndToEnd) {
     for (int x = 1; x < n - 1; ++x) EXPECT_NEAR(r.v[y * n + x], a[(n - 1 - x) * n + y], 1e-5) << x << "," << y;
 
   // Stacks: reversed.
-  const std::vector<float> s = random_values(4 * 4 * 3, 2);
+  const std::vector<float> s = zk_uniform(4 * 4 * 3, 2);
   write_test_mrc(dir / "s.mrcs", s, 4, 4, 3);
   ASSERT_EQ(zktool("reverse " + (dir / "s.mrcs") + " " + (dir / "rev.mrcs"), &out), 0) << out;
   const TestMrc rev = read_test_mrc(dir / "rev.mrcs");

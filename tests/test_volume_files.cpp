@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "backend_fixture.h"
 #include "test_util.h"
 #include "toolbox_files.h"
 #include "volume/map_templates.h"
@@ -16,55 +17,43 @@ namespace {
 
 size_t at(int nx, int ny, int x, int y, int z) { return ((size_t)z * ny + y) * nx + x; }
 
-bool same(const std::vector<float>& a, const std::vector<float>& b) {
-  return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
-}
-
 }  // namespace
 
 TEST(VolumeFiles, TransformsKeepPixelSizeAndMatchTheLibrary) {
   ZkTmpDir dir;
   const int nx = 8, ny = 7, nz = 6;
-  const std::vector<float> a = random_values((size_t)nx * ny * nz, 1);
+  const std::vector<float> a = zk_uniform((size_t)nx * ny * nz, 1);
   write_test_mrc(dir / "in.mrc", a, nx, ny, nz, 2, 2.5f);
-  printed_by([&] {
+  zk_stdout([&] {
     mrcf_3d_rot_trans((dir / "in.mrc").c_str(), (dir / "id.mrc").c_str(), 0, 0, 0, 0, 0, 0, 0);
     mrcf_3d_rot_trans((dir / "in.mrc").c_str(), (dir / "rt.mrc").c_str(), 20, 30, 40, 1, -1, 0.5f, -1);
     mrcf_3d_rot_trans3((dir / "in.mrc").c_str(), (dir / "rt3.mrc").c_str(), 20, 30, 40, 1, -1, 0.5f, -1);
     mrcf_3d_trans_rot((dir / "in.mrc").c_str(), (dir / "tr.mrc").c_str(), 1, -1, 0.5f, 20, 30, 40, 0);
   });
   const TestMrc id = read_test_mrc(dir / "id.mrc");
-  EXPECT_TRUE(same(id.v, a));
+  EXPECT_TRUE(same_bits(id.v, a));
   EXPECT_EQ(id.head.mode, 2);
   EXPECT_FLOAT_EQ(mrc_head_apix(&id.head), 2.5f);
   EXPECT_EQ(id.head.nz, nz);
   // The file is the library's transform about ((n - 1)/2, ...).
   std::vector<float> want(a.size());
-  printed_by([&] {
+  zk_stdout([&] {
     gpu_3d_transform(want.data(), a.data(), nx, ny, nz, 3.5f, 3.0f, 2.5f,
                      hd_rottrans_to_rtmat3d(20, 30, 40, 1, -1, 0.5), -1);
   });
-  EXPECT_TRUE(same(read_test_mrc(dir / "rt.mrc").v, want));
-  EXPECT_TRUE(same(read_test_mrc(dir / "rt3.mrc").v, want));
-  printed_by([&] {
+  EXPECT_TRUE(same_bits(read_test_mrc(dir / "rt.mrc").v, want));
+  EXPECT_TRUE(same_bits(read_test_mrc(dir / "rt3.mrc").v, want));
+  zk_stdout([&] {
     gpu_3d_transform(want.data(), a.data(), nx, ny, nz, 3.5f, 3.0f, 2.5f,
                      hd_transrot_to_rtmat3d(1, -1, 0.5, 20, 30, 40), 0);
   });
-  const TestMrc tr = read_test_mrc(dir / "tr.mrc");
-  EXPECT_TRUE(same(tr.v, want));
-  // The head's extremes and mean are those of the samples.
-  float mn = tr.v[0], mx = tr.v[0];
-  double sum = 0;
-  for (float x : tr.v) mn = std::min(mn, x), mx = std::max(mx, x), sum += x;
-  EXPECT_EQ(tr.head.amin, mn);
-  EXPECT_EQ(tr.head.amax, mx);
-  EXPECT_FLOAT_EQ(tr.head.amean, (float)(sum / tr.v.size()));
+  EXPECT_TRUE(same_bits(read_test_mrc(dir / "tr.mrc").v, want));
 }
 
 TEST(VolumeFiles, ProjectionsAndBackprojection) {
   ZkTmpDir dir;
   const int n = 10;
-  const std::vector<float> a = random_values((size_t)n * n * n, 2, 0.0f, 1.0f);
+  const std::vector<float> a = zk_uniform((size_t)n * n * n, 2, 0.0f, 1.0f);
   write_test_mrc(dir / "map.mrc", a, n, n, n);
   // At zero angles: the sum along z, one section.
   mrcf_3d_project((dir / "map.mrc").c_str(), (dir / "p0.mrc").c_str(), 0, 0, 0, -1);
@@ -79,7 +68,7 @@ TEST(VolumeFiles, ProjectionsAndBackprojection) {
   // Random orientations from a seed: the stack is the library's projections
   // at those orientations, the reconstruction their back-projection.
   const int k = 5;
-  const std::string text = printed_by([&] {
+  const std::string text = zk_stdout([&] {
     mrcf_3d_project_rec_randN((dir / "map.mrc").c_str(), (dir / "proj.mrcs").c_str(), (dir / "rec.mrc").c_str(), k, -1,
                               42);
     mrcf_3d_project_randN((dir / "map.mrc").c_str(), (dir / "proj2.mrcs").c_str(), k, -1, 42);
@@ -87,15 +76,15 @@ TEST(VolumeFiles, ProjectionsAndBackprojection) {
   std::vector<EM_Trans_Orient> o(k);
   random_polar_angles_many(o.data(), k, 42);
   std::vector<float> stack((size_t)k * n * n), rec(a.size());
-  printed_by([&] {
+  zk_stdout([&] {
     gpu_3d_project_many(stack.data(), a.data(), n, n, n, 4.5f, 4.5f, 4.5f, o.data(), k, -1);
     gpu_3d_backproject_many(rec.data(), stack.data(), n, n, n, 4.5f, 4.5f, 4.5f, o.data(), k, 0);
   });
   const TestMrc proj = read_test_mrc(dir / "proj.mrcs");
   EXPECT_EQ(proj.nz(), k);
-  EXPECT_TRUE(same(proj.v, stack));
-  EXPECT_TRUE(same(read_test_mrc(dir / "proj2.mrcs").v, stack));
-  EXPECT_TRUE(same(read_test_mrc(dir / "rec.mrc").v, rec));
+  EXPECT_TRUE(same_bits(proj.v, stack));
+  EXPECT_TRUE(same_bits(read_test_mrc(dir / "proj2.mrcs").v, stack));
+  EXPECT_TRUE(same_bits(read_test_mrc(dir / "rec.mrc").v, rec));
   char line[128];
   snprintf(line, sizeof line, "rot %f tilt %f psi %f \n", o[3].rot, o[3].tilt, o[3].psi);
   EXPECT_NE(text.find(line), std::string::npos) << text;
@@ -106,7 +95,7 @@ TEST(VolumeFiles, ProjectionsAndBackprojection) {
   const TestMrc bp = read_test_mrc(dir / "bp.mrc");
   ASSERT_EQ(bp.nz(), 3);
   for (int z = 0; z < 3; ++z)
-    EXPECT_TRUE(same(std::vector<float>(bp.v.begin() + z * n * n, bp.v.begin() + (z + 1) * n * n), p0.v)) << z;
+    EXPECT_TRUE(same_bits(std::vector<float>(bp.v.begin() + z * n * n, bp.v.begin() + (z + 1) * n * n), p0.v)) << z;
 
   // A map that is not a cube cannot be projected at random orientations.
   write_test_mrc(dir / "flat.mrc", std::vector<float>(n * n * 4, 1.0f), n, n, 4);
@@ -122,12 +111,10 @@ TEST(VolumeFiles, SymmetryExpansionFromFiles) {
   for (size_t i = 0; i < map.size(); ++i) map[i] = (float)(i + 1);
   write_test_mrc(dir / "small.mrc", map, m, m, m);
   write_test_mrc(dir / "mask.mrc", std::vector<float>(map.size(), 1.0f), m, m, m);
-  FILE* fp = fopen((dir / "ops.txt").c_str(), "w");
-  fprintf(fp, ".ncs_symmetry_operators\n1 0 0\n0 1 0\n0 0 1\n0 0 0\n");
-  fprintf(fp, ".ncs_symmetry_operators\n-1 0 0\n0 -1 0\n0 0 1\n0 0 0\n");
-  fclose(fp);
+  zk_put(dir / "ops.txt", ".ncs_symmetry_operators\n1 0 0\n0 1 0\n0 0 1\n0 0 0\n"
+                          ".ncs_symmetry_operators\n-1 0 0\n0 -1 0\n0 0 1\n0 0 0\n");
   // Two copies: at the origin (1, 1, 0), and turned half about z through (3.5, 3.5).
-  printed_by([&] {
+  zk_stdout([&] {
     mrcf_3d_sym_expansion((dir / "big.mrc").c_str(), 8, 8, 3, 3.5f, 3.5f, 1.0f, (dir / "small.mrc").c_str(), 1, 1, 0,
                           (dir / "mask.mrc").c_str(), (dir / "ops.txt").c_str());
   });
@@ -157,7 +144,7 @@ TEST(VolumeFiles, IndexVolumesSplitsAndMassCentre) {
   std::vector<float> s(2 * 2 * 3);
   for (size_t i = 0; i < s.size(); ++i) s[i] = (float)(10 * i) - 30;
   write_test_mrc(dir / "short.mrc", s, 2, 2, 3, 1);
-  const std::string text = printed_by([&] {
+  const std::string text = zk_stdout([&] {
     mrc_split((dir / "short.mrc").c_str(), (dir / "a_").c_str());
     mrcf_split((dir / "short.mrc").c_str(), (dir / "f_").c_str());
   });
@@ -189,7 +176,7 @@ TEST(VolumeFiles, IndexVolumesSplitsAndMassCentre) {
   w[at(4, 3, 3, 1, 1)] = 3;
   w[at(4, 3, 1, 1, 1)] = 1;
   write_test_mrc(dir / "w.mrc", w, 4, 3, 2);
-  EXPECT_EQ(printed_by([&] { mrcf_print_mass_center((dir / "w.mrc").c_str()); }),
+  EXPECT_EQ(zk_stdout([&] { mrcf_print_mass_center((dir / "w.mrc").c_str()); }),
             "mass center (x,y,z) : (2.50 \t1.00 \t1.00)\n");
 }
 
@@ -212,7 +199,7 @@ TEST(VolumeFiles, InputsThatCannotBeUsed) {
 // view first, with the pixel size in the head.
 TEST(VolumeFiles, TemplatesFromAMap) {
   ZkTmpDir dir;
-  printed_by([&] { mrcf_3d_test_lobes((dir / "map.mrc").c_str(), 24, 10.0f, 200.0f); });
+  zk_stdout([&] { mrcf_3d_test_lobes((dir / "map.mrc").c_str(), 24, 10.0f, 200.0f); });
   const TestMrc map = read_test_mrc(dir / "map.mrc");
   ASSERT_EQ(map.nz(), 24);
   EXPECT_FLOAT_EQ(mrc_head_apix(&map.head), 10.0f);
@@ -232,7 +219,7 @@ TEST(VolumeFiles, TemplatesFromAMap) {
 
   std::string text;
   int n = 0;
-  text = printed_by(
+  text = zk_stdout(
       [&] { n = mrcf_3d_project_templates((dir / "map.mrc").c_str(), (dir / "t.mrcs").c_str(), "D2", 30, 0); });
   EXPECT_EQ((size_t)n, asym_unit_orientations("D2", 30).size());
   const TestMrc t = read_test_mrc(dir / "t.mrcs");
@@ -241,9 +228,9 @@ TEST(VolumeFiles, TemplatesFromAMap) {
   EXPECT_NE(text.find("template    0: rot    0.000 tilt    0.000 psi    0.000\n"), std::string::npos) << text;
   std::vector<float> top(24 * 24);
   gpu_3d_project(top.data(), map.v.data(), 24, 24, 24, 11.5f, 11.5f, 11.5f, 0, 0, 0, -1);
-  EXPECT_TRUE(same(std::vector<float>(t.v.begin(), t.v.begin() + 24 * 24), top));
+  EXPECT_TRUE(same_bits(std::vector<float>(t.v.begin(), t.v.begin() + 24 * 24), top));
   // A pixel size given wins over the map's.
-  printed_by([&] { mrcf_3d_project_templates((dir / "map.mrc").c_str(), (dir / "t2.mrcs").c_str(), "C1", 90, 2.5f); });
+  zk_stdout([&] { mrcf_3d_project_templates((dir / "map.mrc").c_str(), (dir / "t2.mrcs").c_str(), "C1", 90, 2.5f); });
   const TestMrc t2 = read_test_mrc(dir / "t2.mrcs");
   EXPECT_EQ(t2.nz(), 6);  // the poles and four directions on the equator
   EXPECT_FLOAT_EQ(mrc_head_apix(&t2.head), 2.5f);

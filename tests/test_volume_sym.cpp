@@ -94,23 +94,10 @@ TEST(VolumeSym, ElementaryAndEulerRotationsAgainstRodrigues) {
   EXPECT_LT(max_diff(hd_rmat3d_sym_C(6, 'z'), hd_rotz_to_rmat3d(60)), 1e-15);
 }
 
-TEST(VolumeSym, C1AndD1Lists) {
-  Rsym_List c1 = create_Rsym_List("C1");
-  ASSERT_EQ(c1.n, 1);
-  EXPECT_EQ(max_diff(c1.rmat[0], hd_rmat3d_identity()), 0.0);
-  free_Rsym_List(c1);
-  Rsym_List d1 = create_Rsym_List("d1");
-  ASSERT_EQ(d1.n, 2);
-  EXPECT_EQ(max_diff(d1.rmat[0], hd_rmat3d_identity()), 0.0);
-  // The half turn about x: y and z change sign.
-  expect_near_v(turn(d1.rmat[1], {0.2, 0.5, -0.9}), {0.2, -0.5, 0.9}, "D1 half turn");
-  free_Rsym_List(d1);
-}
-
 // Each list is closed under products, holds distinct proper rotations, and
 // its elements have the orders of the cyclic or dihedral group.
 TEST(VolumeSym, OperatorListsFormGroups) {
-  for (std::string sym : {"C2", "c3", "C5", "C6", "D2", "d3", "D4", "D5"}) {
+  for (std::string sym : {"C1", "C2", "c3", "C5", "C6", "D1", "D2", "d3", "D4", "D5"}) {
     Rsym_List g = create_Rsym_List(sym.c_str());
     const int n = std::stoi(sym.substr(1));
     const bool dihedral = sym[0] == 'D' || sym[0] == 'd';
@@ -153,11 +140,8 @@ TEST(VolumeSym, OtherSymmetryTextsAreRefusedByName) {
 TEST(VolumeSym, OperatorFiles) {
   ZkTmpDir dir;
   const std::string good = dir / "ops.txt";
-  FILE* fp = fopen(good.c_str(), "w");
-  fprintf(fp,
-          "# two operators\nsome other line\n.ncs_symmetry_operators\n1 0 0\n0 1 0\n0 0 1\n0 0 0\n\n"
-          ".NCS_SYMMETRY_OPERATORS  \n  -1  0 0\n0 -1 0\n0\t0\t1\n10.5 -2 3\ntrailing words here\n");
-  fclose(fp);
+  zk_put(good, "# two operators\nsome other line\n.ncs_symmetry_operators\n1 0 0\n0 1 0\n0 0 1\n0 0 0\n\n"
+               ".NCS_SYMMETRY_OPERATORS  \n  -1  0 0\n0 -1 0\n0\t0\t1\n10.5 -2 3\ntrailing words here\n");
   std::vector<RT_Mat3D> ops(3);
   testing::internal::CaptureStdout();
   EXPECT_EQ(get_syms_from_ofile(ops, good.c_str()), 2);
@@ -182,9 +166,7 @@ TEST(VolumeSym, OperatorFiles) {
 
   // No block: an empty list and no failure.
   const std::string none = dir / "none.txt";
-  fp = fopen(none.c_str(), "w");
-  fprintf(fp, "1 0 0\n0 1 0\n");
-  fclose(fp);
+  zk_put(none, "1 0 0\n0 1 0\n");
   testing::internal::CaptureStdout();
   EXPECT_EQ(get_syms_from_ofile(ops, none.c_str()), 0);
   testing::internal::GetCapturedStdout();
@@ -193,9 +175,7 @@ TEST(VolumeSym, OperatorFiles) {
   // A row of two numbers, or a block cut short by the end of the file.
   for (const char* body : {".ncs_symmetry_operators\n1 0 0\n0 1\n0 0 1\n0 0 0\n", ".ncs_symmetry_operators\n1 0 0\n"}) {
     const std::string bad = dir / "bad.txt";
-    fp = fopen(bad.c_str(), "w");
-    fputs(body, fp);
-    fclose(fp);
+    zk_put(bad, body);
     EXPECT_FAILS(
         "Error in function get_syms_from_ofile\\(\\), file sym.cpp on line [0-9]+: Unknown symmetry file "
         "format! Exit now!",

@@ -1,12 +1,9 @@
 // MRC files for the tests of the file commands: written with a chosen mode
 // and pixel size, read back whole.
 #pragma once
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -46,20 +43,4 @@ inline TestMrc read_test_mrc(const std::string& path) {
   TestMrc m;
   mrcf_read_whole(path.c_str(), &m.head, m.v);
   return m;
-}
-
-inline std::vector<float> random_values(size_t n, unsigned seed, float lo = -1.0f, float hi = 1.0f) {
-  std::mt19937 g(seed);
-  std::uniform_real_distribution<float> u(lo, hi);
-  std::vector<float> v(n);
-  for (float& x : v) x = u(g);
-  return v;
-}
-
-// What a call prints on stdout.
-template <class F>
-std::string printed_by(F&& f) {
-  testing::internal::CaptureStdout();
-  f();
-  return testing::internal::GetCapturedStdout();
 }
