@@ -95,7 +95,7 @@ void hcuda_2ds_fft_r2c_amp_weighted_ave_log_subbg(const float* d_stack, float* d
   if (mode == 2) {
     hcuda_empty_float(d_amp, nhalf);
     ZkDeviceArray<float> amp(nhalf), wsum(nhalf);
-    ZkDeviceArray<float2> spec(nhalf);
+    ZkDeviceArray<float2> spectrum(nhalf);
     hcuda_empty_float(wsum.get(), nhalf);
     const ZkFftPlan p = zk_fft_plan_r2c((int)nx, (int)ny, 1);
     struct Destroy {
@@ -104,9 +104,9 @@ void hcuda_2ds_fft_r2c_amp_weighted_ave_log_subbg(const float* d_stack, float* d
     } destroy{p};
     float *a = amp.get(), *ws = wsum.get(), *out = d_amp;
     for (unsigned int k = 0; k < n; ++k) {
-      zk_fft_exec_r2c(p, d_stack + k * plane, spec.get());
+      zk_fft_exec_r2c(p, d_stack + k * plane, spectrum.get());
       hcuda_empty_float(a, nhalf);
-      hcuda_complex_mod_addto_center_swap(a, spec.get(), nhalf);
+      hcuda_complex_mod_addto_center_swap(a, spectrum.get(), nhalf);
       const float* w = d_w + k * nhalf;
       launch_1d(nhalf, [=] HD(unsigned int i) {
         out[i] += w[i] * a[i];
