@@ -9,16 +9,9 @@
 
 namespace {
 
-struct Args {
-  std::vector<std::string> words;
-  std::vector<char*> ptrs;
-  explicit Args(std::vector<std::string> w) : words(std::move(w)) {
-    words.insert(words.begin(), "kesmar");
-    for (auto& s : words) ptrs.push_back(&s[0]);
-    ptrs.push_back(nullptr);
-  }
-  int argc() const { return (int)words.size(); }
-  char** argv() { return ptrs.data(); }
+// Owns an argv whose argv[0] is kesmar.
+struct Args : ZkArgs {
+  explicit Args(std::vector<std::string> w) : ZkArgs("kesmar", std::move(w)) {}
 };
 
 // A command line read and checked; out holds what the scan printed.

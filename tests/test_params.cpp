@@ -9,17 +9,9 @@
 
 namespace {
 
-// Owns an argv built from words; argv[0] is the program name.
-struct Args {
-  std::vector<std::string> words;
-  std::vector<char*> ptrs;
-  explicit Args(std::vector<std::string> w) : words(std::move(w)) {
-    words.insert(words.begin(), "zavik");
-    for (auto& s : words) ptrs.push_back(&s[0]);
-    ptrs.push_back(nullptr);
-  }
-  int argc() const { return (int)words.size(); }
-  char** argv() { return ptrs.data(); }
+// Owns an argv whose argv[0] is zavik.
+struct Args : ZkArgs {
+  explicit Args(std::vector<std::string> w) : ZkArgs("zavik", std::move(w)) {}
 };
 
 // A command line parsed into a record; out holds what the scan printed.

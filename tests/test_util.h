@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 // A fresh directory under /tmp, removed when the object goes.
@@ -76,6 +77,19 @@ inline int zk_run(const std::string& cmd, std::string* out) {
 
 // Root passes every permission test: tests of unreadable files skip then.
 inline bool zk_running_as_root() { return geteuid() == 0; }
+
+// Owns an argv built from words; argv[0] is the program name.
+struct ZkArgs {
+  std::vector<std::string> words;
+  std::vector<char*> ptrs;
+  ZkArgs(const char* program, std::vector<std::string> w) : words(std::move(w)) {
+    words.insert(words.begin(), program);
+    for (auto& s : words) ptrs.push_back(&s[0]);
+    ptrs.push_back(nullptr);
+  }
+  int argc() const { return (int)words.size(); }
+  char** argv() { return ptrs.data(); }
+};
 
 // What a call that fails shows the user: what it printed, then the report of
 // the ZkError it threw, as the program's entry prints them.
