@@ -1,8 +1,8 @@
 // lombar end to end on generated movies: the weighted particles against an
 // independent double-precision computation from the movie file, skipped
 // movies, unfinished runs, the CTF weight log and the contrast switch.
-#include <gtest/gtest.h>
 #include <dirent.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
@@ -124,8 +124,9 @@ std::vector<double> reference_particle(const std::vector<float>& movie, int n, i
 
 TEST(MovieEndToEnd, WeightedParticlesAgainstAnIndependentComputation) {
   ZkTmpDir dir;
-  synth(dir.path, "--out mov.mrc --size 160 --frames 7 --box 48 --diameter 30 --noise 0.5 --drift0 2.5 --drift1 0.5 "
-                  "--seed 5");
+  synth(dir.path,
+        "--out mov.mrc --size 160 --frames 7 --box 48 --diameter 30 --noise 0.5 --drift0 2.5 --drift1 0.5 "
+        "--seed 5");
   // A CTF weight log of its own, falling with the radius.
   std::string w;
   std::vector<double> ctfw;
@@ -166,13 +167,16 @@ bool no_temporary_files(const std::string& dir) {
 TEST(MovieEndToEnd, UnusableMoviesAreNamedAndSkipped) {
   ZkTmpDir dir;
   const std::string small = "--size 96 --frames 5 --box 32 --diameter 20 --noise 1";
-  for (const char* m : {"a", "b", "c", "d", "e", "f"}) synth(dir.path, std::string("--out ") + m + ".mrc " + small);
+  for (const char* m : {"a", "b", "c", "d", "e", "f", "g"})
+    synth(dir.path, std::string("--out ") + m + ".mrc " + small);
   remove((dir / "b_dose_drift.txt").c_str());
+  zk_put(dir / "g_zavik.box", "10 10 32 32\n20 20\n");
   zk_put(dir / "c_dose_drift.txt", "0 1 0 0\n1 2 0 0\n3 3 0 0\n3 4 0 0\n4 5 0 0\n");
   zk_put(dir / "d_ctfw.txt", "0 0 1\n1 0 1\n");
   remove((dir / "e_zavik.box").c_str());
   std::string out;
-  ASSERT_EQ(lombar(dir.path, "--apix 1 --newsize 32 a.mrc b.mrc c.mrc d.mrc gone.mrc e.mrc f.mrc", &out), 0) << out;
+  ASSERT_EQ(lombar(dir.path, "--apix 1 --newsize 32 a.mrc b.mrc c.mrc d.mrc gone.mrc e.mrc g.mrc f.mrc", &out), 0)
+      << out;
   const char* const reports[] = {
       "the movie b.mrc has no readable dose/drift log b_dose_drift.txt! Automatically ignored!",
       "Warning in function get_dose_smoothed_drift_from_txt\\(\\), .*: Can not get dose/drift parameters from log "
@@ -182,13 +186,20 @@ TEST(MovieEndToEnd, UnusableMoviesAreNamedAndSkipped) {
       "each of its 17 radii! Automatically ignored!",
       "the movie gone.mrc does not exist! Automatically ignored!",
       "the movie e.mrc has no readable box file e_zavik.box! Automatically ignored!",
-      "All 7 movies finished: 2 weighted \\(18 particles\\), 5 skipped.",
+      "the movie g.mrc cannot be cut by g_zavik.box: unrecognized box format! Automatically ignored!",
+      "All 8 movies finished: 2 weighted \\(18 particles\\), 6 skipped.",
   };
   for (const char* r : reports) EXPECT_TRUE(zk_matches(out, r)) << r;
-  for (const char* m : {"b", "c", "d", "e"}) EXPECT_FALSE(zk_exists(dir / (std::string(m) + "_wave.mrc"))) << m;
+  for (const char* m : {"b", "c", "d", "e", "g"}) EXPECT_FALSE(zk_exists(dir / (std::string(m) + "_wave.mrc"))) << m;
   EXPECT_TRUE(zk_exists(dir / "a_wave.mrc"));
   EXPECT_TRUE(zk_exists(dir / "f_wave.mrc"));
   EXPECT_TRUE(no_temporary_files(dir.path));
+  // Boxes larger than the frames.
+  ASSERT_EQ(lombar(dir.path, "--apix 1 --newsize 128 f.mrc", &out), 0) << out;
+  EXPECT_TRUE(zk_matches(out,
+                         "the movie f.mrc has boxes of 128 x 128 pixels in f_zavik.box, larger than its 96 x 96 "
+                         "frames! Automatically ignored!"))
+      << out;
 
   // An unfinished list resumes: the weighted ones are passed over, the others
   // are done once their logs are mended.

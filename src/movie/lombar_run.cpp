@@ -90,8 +90,8 @@ int lombar_prepare_movie(LOMBAR_PARA* para, int i) {
   para->dose.assign(F, 0.0f);
   para->drift.assign(F, make_f2(0.0f, 0.0f));
   if (get_dose_smoothed_drift_from_txt(para->dose.data(), para->drift.data(), F, para->name_b) != 0) {
-    report_unusable(movie, zk_format("has a dose/drift log %s without a line for each of its %d frames", para->name_b,
-                                     F));
+    report_unusable(movie,
+                    zk_format("has a dose/drift log %s without a line for each of its %d frames", para->name_b, F));
     return -1;
   }
   if (access(para->name_a, R_OK) != 0) {
@@ -100,7 +100,18 @@ int lombar_prepare_movie(LOMBAR_PARA* para, int i) {
   }
 
   printf("Reading movie %s and the boxes of %s ...\n", movie, para->name_a);
-  const int n = lombar_cut_prepare(para->cut, movie, para->name_a, para->newsize, para->invert);
+  int n = 0;
+  try {
+    n = lombar_cut_prepare(para->cut, movie, para->name_a, para->newsize, para->invert);
+  } catch (const ZkError& e) {
+    // A box file or movie that cannot be read costs this movie only; device
+    // failures end the run.
+    if (e.form() != ZkError::FATAL) throw;
+    std::string msg = e.message();
+    while (!msg.empty() && msg.back() == '!') msg.pop_back();
+    report_unusable(movie, zk_format("cannot be cut by %s: %s", para->name_a, msg.c_str()));
+    return -1;
+  }
   if (n == 0) {
     report_unusable(movie, zk_format("has no particles in %s", para->name_a));
     return -1;
@@ -110,14 +121,19 @@ int lombar_prepare_movie(LOMBAR_PARA* para, int i) {
                                      para->cut.w, para->cut.h, para->name_a));
     return -1;
   }
+  if (para->cut.w > para->cut.nx || para->cut.h > para->cut.ny) {
+    report_unusable(movie, zk_format("has boxes of %d x %d pixels in %s, larger than its %d x %d frames", para->cut.w,
+                                     para->cut.h, para->name_a, para->cut.nx, para->cut.ny));
+    return -1;
+  }
 
   const int nxh = para->cut.w / 2 + 1;
   para->ctfw.assign(nxh, 1.0f);
   if (access(para->name_c, F_OK) != 0) {
     printf("No CTF weight log %s: no CTF weighting.\n", para->name_c);
   } else if (access(para->name_c, R_OK) != 0 || get_ctfw_from_txt(para->ctfw.data(), nxh, para->name_c) != 0) {
-    report_unusable(movie, zk_format("has a CTF weight log %s without a line for each of its %d radii", para->name_c,
-                                     nxh));
+    report_unusable(movie,
+                    zk_format("has a CTF weight log %s without a line for each of its %d radii", para->name_c, nxh));
     return -1;
   }
   printf("%d particles of %d x %d pixels, frames %d to %d of %d\n", n, para->cut.w, para->cut.h, para->first,
