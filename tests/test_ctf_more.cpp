@@ -187,6 +187,7 @@ TEST(KesmarMore, BadInputSkipsTheMicrographAndWritesNothing) {
   ZkTmpDir dir;
   synth("--out " + dir / "a.mrc" + " --nx 512 --ny 512 --defu 14000 --defv 14000 --seed 2 --truth " + dir / "sum.star");
   zk_put(dir / "empty_zavik.box", "");
+  zk_put(dir / "bad_zavik.box", "100 100 64 64\n100 100\n");
   zk_put(dir / "out_zavik.box", "100\t100\t64\t64\t1.0\t0\t0\n500\t300\t64\t64\t1.0\t0\t0\n");
   struct Case {
     std::string args, message, output;
@@ -201,6 +202,10 @@ TEST(KesmarMore, BadInputSkipsTheMicrographAndWritesNothing) {
        "a_local"},
       {"local --ctfstar sum.star --boxsize 128 --box out_zavik.box a.mrc",
        "the box file out_zavik.box has a particle at (532, 332), outside the 512 x 512 micrograph!", "a_local"},
+      {"local --ctfstar sum.star --boxsize 128 --box bad_zavik.box a.mrc",
+       "the micrograph a.mrc cannot be refined by the boxes of bad_zavik.box: unrecognized box format! Automatically "
+       "ignored!",
+       "a_local"},
       {"frames --ctfstar sum.star --boxsize 128 a.mrc",
        "the micrograph a.mrc is a stack of one frame; per-frame refinement needs a movie! Automatically ignored!",
        "a_frames"},
@@ -219,7 +224,7 @@ TEST(KesmarMore, BadInputSkipsTheMicrographAndWritesNothing) {
   // Nothing temporary is left beside the outputs either.
   std::string listing;
   zk_run("ls -A '" + dir.path + "'", &listing);
-  EXPECT_EQ(listing, "a.mrc\nempty_zavik.box\nout_zavik.box\nsum.star\n");
+  EXPECT_EQ(listing, "a.mrc\nbad_zavik.box\nempty_zavik.box\nout_zavik.box\nsum.star\n");
 
   // zavik's STAR file by the default suffix: centres as they stand.
   zk_put(dir / "a_zavik.star",

@@ -13,6 +13,12 @@ ZkError::ZkError(Form form, std::string before, const char* func, const char* fi
       msg_(std::move(msg)),
       status_(status) {}
 
+std::string zk_error_reason(const ZkError& e) {
+  std::string msg = e.message();
+  while (!msg.empty() && msg.back() == '!') msg.pop_back();
+  return msg;
+}
+
 std::string zk_error_text(const ZkError& e) {
   switch (e.form()) {
     case ZkError::FATAL:

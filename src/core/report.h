@@ -48,6 +48,9 @@ class ZkError : public std::exception {
 std::string zk_error_text(const ZkError& e);
 // Prints it (the device form on stderr) and flushes.
 void zk_print_error(const ZkError& e);
+// Its message without the closing "!", for the report of an input a batch
+// skips.
+std::string zk_error_reason(const ZkError& e);
 
 // printf into a string.
 std::string zk_format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));

@@ -199,9 +199,16 @@ int one_micrograph(const MorePara& p, const char* mic) {
       set_outname_by_suffix(box_name, mic, p.boxsuffix);
     else
       strlcpy(box_name, p.box);
-    rc = ctf_local_refine_boxf(mic, box_name, data.data(), nx, ny, p.radius, p.boxsize, p.overlap, p.write_local_ctf, 1,
-                               p.use_EPA, p.refine_astm, r.dstep, apix, c.kV, c.Cs, c.ac, c.ps, c.defU, c.defV, c.defA,
-                               r.ccc, p.err, p.bfac, p.resL, p.resH, p.avetype, log);
+    try {
+      rc = ctf_local_refine_boxf(mic, box_name, data.data(), nx, ny, p.radius, p.boxsize, p.overlap, p.write_local_ctf,
+                                 1, p.use_EPA, p.refine_astm, r.dstep, apix, c.kV, c.Cs, c.ac, c.ps, c.defU, c.defV,
+                                 c.defA, r.ccc, p.err, p.bfac, p.resL, p.resH, p.avetype, log);
+    } catch (const ZkError& e) {
+      // A box file that cannot be read costs this micrograph only.
+      if (e.form() != ZkError::FATAL) throw;
+      skip(mic, zk_format("cannot be refined by the boxes of %s: %s", box_name, zk_error_reason(e).c_str()));
+      return -1;
+    }
   } else if (p.cmd == "validate") {
     const size_t nhalf = (size_t)(p.boxsize / 2 + 1) * p.boxsize;
     ZkDeviceArray<float> d_image(nimage), d_sub(nhalf), d_tmp(nhalf);

@@ -107,9 +107,7 @@ int lombar_prepare_movie(LOMBAR_PARA* para, int i) {
     // A box file or movie that cannot be read costs this movie only; device
     // failures end the run.
     if (e.form() != ZkError::FATAL) throw;
-    std::string msg = e.message();
-    while (!msg.empty() && msg.back() == '!') msg.pop_back();
-    report_unusable(movie, zk_format("cannot be cut by %s: %s", para->name_a, msg.c_str()));
+    report_unusable(movie, zk_format("cannot be cut by %s: %s", para->name_a, zk_error_reason(e).c_str()));
     return -1;
   }
   if (n == 0) {
