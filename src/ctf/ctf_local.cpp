@@ -81,10 +81,11 @@ int hcuda_2d_read_ptcls_to_2ds_from_boxes(float* d_out, const float* d_image, in
   ZkDeviceArray<int2> d_corners((size_t)m);
   ZK_CHECK(memcpy_H2D(d_corners.get(), corners.data(), (size_t)m * sizeof(int2)));
   const int2* c = d_corners.get();
-  // One thread per pixel of the stack seen as box by box*m.
-  launch_2d(box, box * m, [=] HD(int x, int yy) {
-    const int k = yy / box, y = yy - k * box;
-    d_out[(size_t)yy * box + x] = d_image[(size_t)(c[k].y + y) * nx + (c[k].x + x)];
+  // One thread per pixel, the boxes along the third axis: seen as one image
+  // of box*m rows, a disc of some thousand boxes would pass the GPU's limit
+  // of 65535 blocks on the second axis of the grid.
+  launch_3d(box, box, m, [=] HD(int x, int y, int k) {
+    d_out[((size_t)k * box + y) * box + x] = d_image[(size_t)(c[k].y + y) * nx + (c[k].x + x)];
   });
   return m;
 }
