@@ -130,7 +130,9 @@ TEST_P(MovieRunPaths, UnweightedResultIsTheMeanOfTheFramesUsed) {
 
 // The batched path gives the staged path's images and prints its text.
 TEST_P(MovieRunPaths, BatchedDeviceWeightingMatchesTheStagedOperations) {
-  for (size_t budget : {(size_t)1, (size_t)0}) {
+  // One particle a batch; two and a last one alone, so that the batch's
+  // transforms change size; all at once.
+  for (size_t budget : {(size_t)1, (size_t)150000, (size_t)0}) {
     Set s(8, 5, 32);
     s.para.gps = gps_para_default();
     s.para.gps.Da = 0.8f;

@@ -111,6 +111,33 @@ int batch_size(const LombarRunOptions& opt, const WaveJob& job) {
   return b < 1 ? 1 : (int)b;
 }
 
+// The batched transforms of one movie's run, for the batch size in use.  They
+// are not taken from the plan cache: the batch follows the particle count of
+// each movie, and on the GPU every cached size would keep its cuFFT plan and
+// work area in device memory until the run ends.
+struct BatchPlans {
+  ZkFftPlan r2c = nullptr, c2r = nullptr;
+  int np = 0;
+  BatchPlans() = default;
+  BatchPlans(const BatchPlans&) = delete;
+  BatchPlans& operator=(const BatchPlans&) = delete;
+  ~BatchPlans() { release(); }
+  void release() {
+    zk_fft_plan_destroy(r2c);
+    zk_fft_plan_destroy(c2r);
+    r2c = c2r = nullptr;
+    np = 0;
+  }
+  // Plans for np particles of nf frames each.
+  void fit(int nx, int ny, int nf, int n) {
+    if (n == np) return;
+    release();
+    r2c = zk_fft_plan_r2c(nx, ny, n * nf);
+    c2r = zk_fft_plan_c2r(nx, ny, n);
+    np = n;
+  }
+};
+
 // Device weighting of the whole stack, a batch of particles at a time: one
 // weight table for the movie, batched transforms, and per particle the text
 // of the staged operations.
@@ -130,15 +157,17 @@ void wave_batched(const LOMBAR_PARA* para, const ParticleFrames& src, const Wave
   ZkDeviceArray<float2> d_spec((size_t)B * nf * plane), d_ave((size_t)B * plane);
   const float f = fft_norm(job.nx, job.ny);
   const std::string text = device_wave_text(para, job);
+  BatchPlans plans;
   for (int p0 = 0; p0 < job.P; p0 += B) {
     const int np = job.P - p0 < B ? job.P - p0 : B;
     src.to_device(p0, np, job.first, nf, d_frames.get());
     float2* spectra = d_spec.get();
-    hcuda_2ds_fft_r2c(d_frames.get(), spectra, job.nx, ny, (unsigned)(np * nf));
+    plans.fit(job.nx, ny, nf, np);
+    zk_fft_exec_r2c(plans.r2c, d_frames.get(), spectra);
     launch_1d((size_t)np * nf * plane, [=] HD(unsigned int k) { spectra[k] = make_f2(spectra[k].x / f, spectra[k].y / f); });
     hcuda_2ds_fft_wtable_wave_many(spectra, d_ave.get(), nxh, ny, nf, np, d_W.get(), d_norm.get(), d_cw.get());
     float* out = d_out.get();
-    hcuda_2ds_fft_c2r(d_ave.get(), out, job.nx, ny, (unsigned)np);
+    zk_fft_exec_c2r(plans.c2r, d_ave.get(), out);
     launch_1d((size_t)np * image, [=] HD(unsigned int k) { out[k] = out[k] / f; });
     ZK_CHECK(memcpy_D2H(result + (size_t)p0 * image, out, (size_t)np * image * sizeof(float)));
     for (int p = p0; p < p0 + np; ++p) {
