@@ -27,12 +27,6 @@ size_t count(const std::string& s, const std::string& part) {
   return n;
 }
 
-std::string ls(const ZkTmpDir& dir) {
-  std::string out;
-  zk_run("ls " + dir.path, &out);
-  return out;
-}
-
 const std::string SEPARATOR = "\n" + std::string(129, '-') + "\n";
 const std::string HASHES = std::string(129, '#') + "\n";
 
@@ -97,7 +91,7 @@ TEST(Cli, NoUsableFirstMicrographEndsTheRunBeforeAnyOutput) {
     EXPECT_TRUE(zk_has(out, c[1])) << out;
     EXPECT_FALSE(zk_has(out, "PREPARATION")) << c[0];
   }
-  EXPECT_EQ(ls(dir), "short.mrc\ntiny.mrc\nwide.mrc\n");  // nothing written beside them
+  EXPECT_EQ(zk_listing(dir.path), "short.mrc\ntiny.mrc\nwide.mrc\n");  // nothing written beside them
 }
 
 TEST(Cli, LaterMicrographOfAnotherSizeEndsTheRun) {
@@ -151,7 +145,7 @@ TEST(Cli, BadMicrographsInTheListArePassedOver) {
   }
   EXPECT_TRUE(zk_has(out, banner + ">>>>>>TIME<<<<<<")) << out;
   EXPECT_TRUE(zk_has(out, "File " + c + " finished.\n"));
-  EXPECT_EQ(ls(dir), "a.mrc\na_nonunique.box\na_rejected.box\na_rejected.star\na_zavik.box\na_zavik.star\n"
+  EXPECT_EQ(zk_listing(dir.path), "a.mrc\na_nonunique.box\na_rejected.box\na_rejected.star\na_zavik.box\na_zavik.star\n"
                      "c.mrc\nc_nonunique.box\nc_rejected.box\nc_rejected.star\nc_zavik.box\nc_zavik.star\n"
                      "cut.mrc\nempty.mrc\nfolder.mrc\npipe.mrc\n");
 }
@@ -199,7 +193,7 @@ TEST(Cli, RunOrderFromEchoToClosingBanner) {
 
   // Every micrograph gets its raw candidates, both results, the rejected
   // cells of ice detection and the mask asked for beside it.
-  EXPECT_EQ(ls(dir),
+  EXPECT_EQ(zk_listing(dir.path),
             "a.mrc\na_mask.mrc\na_nonunique.box\na_rejected.box\na_rejected.star\na_zavik.box\na_zavik.star\n"
             "b.mrcs\nb_mask.mrc\nb_nonunique.box\nb_rejected.box\nb_rejected.star\nb_zavik.box\nb_zavik.star\n");
 }

@@ -13,14 +13,12 @@
 
 namespace {
 
-const std::string ENV = "OMP_WAIT_POLICY=passive ";
-
 void synth(const std::string& args) {
   std::string out;
-  ASSERT_EQ(zk_run(ENV + CTF_SYNTH_BIN + " " + args, &out), 0) << out;
+  ASSERT_EQ(zk_run_in(".", CTF_SYNTH_BIN, args, &out), 0) << out;
 }
 int more(const std::string& dir, const std::string& args, std::string* out) {
-  return zk_run("cd '" + dir + "' && " + ENV + KESMAR_MORE_BIN + " " + args, out);
+  return zk_run_in(dir, KESMAR_MORE_BIN, args, out);
 }
 
 std::vector<std::vector<double>> numeric_rows(const std::string& path, size_t first_word) {
@@ -222,9 +220,7 @@ TEST(KesmarMore, BadInputSkipsTheMicrographAndWritesNothing) {
     for (const char* ext : {".star", ".log", ".ctf"}) EXPECT_FALSE(zk_exists(dir / (c.output + ext))) << c.args;
   }
   // Nothing temporary is left beside the outputs either.
-  std::string listing;
-  zk_run("ls -A '" + dir.path + "'", &listing);
-  EXPECT_EQ(listing, "a.mrc\nbad_zavik.box\nempty_zavik.box\nout_zavik.box\nsum.star\n");
+  EXPECT_EQ(zk_listing(dir.path), "a.mrc\nbad_zavik.box\nempty_zavik.box\nout_zavik.box\nsum.star\n");
 
   // zavik's STAR file by the default suffix: centres as they stand.
   zk_put(dir / "a_zavik.star",

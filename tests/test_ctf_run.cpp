@@ -14,18 +14,14 @@
 
 namespace {
 
-// Threads sleep between the many short loops, so that a loaded test machine
-// does not stall them.
-const std::string ENV = "OMP_WAIT_POLICY=passive ";
-
 int synth(const std::string& args) {
   std::string out;
-  const int rc = zk_run(ENV + CTF_SYNTH_BIN + " " + args, &out);
+  const int rc = zk_run_in(".", CTF_SYNTH_BIN, args, &out);
   EXPECT_EQ(rc, 0) << out;
   return rc;
 }
 int kesmar(const std::string& dir, const std::string& args, std::string* out) {
-  return zk_run("cd '" + dir + "' && " + ENV + KESMAR_BIN + " " + args, out);
+  return zk_run_in(dir, KESMAR_BIN, args, out);
 }
 
 std::vector<std::string> words_of(const std::string& line) {
@@ -252,8 +248,8 @@ TEST(KesmarRun, UnfinishedAndKilledRuns) {
   std::string list;
   for (const auto& m : mics) list += " " + m;
   for (const char* ms : {"0.3", "0.9"}) {
-    zk_run("cd '" + dir.path + "' && rm -f *_kesmar.log *.part* && " + ENV + "timeout -s KILL " + ms + " " +
-               KESMAR_BIN + " --apix 1 --boxsize 512 --ctfstar k" + list + " > /dev/null",
+    zk_run("cd '" + dir.path + "' && rm -f *_kesmar.log *.part* && OMP_WAIT_POLICY=passive timeout -s KILL " + ms +
+               " " + KESMAR_BIN + " --apix 1 --boxsize 512 --ctfstar k" + list + " > /dev/null",
            nullptr);
     for (int i = 0; i < 3; ++i) {
       const std::string log = dir / ("m" + std::to_string(i) + "_kesmar.log");

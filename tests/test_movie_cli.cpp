@@ -11,10 +11,8 @@
 
 namespace {
 
-const std::string ENV = "OMP_WAIT_POLICY=passive ";
-
 int lombar(const std::string& dir, const std::string& args, std::string* out) {
-  return zk_run("cd '" + dir + "' && " + ENV + LOMBAR_BIN + " " + args, out);
+  return zk_run_in(dir, LOMBAR_BIN, args, out);
 }
 
 // The option rows as the help prints them.

@@ -1,7 +1,6 @@
 // lombar end to end on generated movies: the weighted particles against an
 // independent double-precision computation from the movie file, skipped
 // movies, unfinished runs, the CTF weight log and the contrast switch.
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,27 +10,19 @@
 #include <string>
 #include <vector>
 
-#include "formats/mrcfile.h"
 #include "test_util.h"
+#include "toolbox_files.h"
 
 namespace {
 
-const std::string ENV = "OMP_WAIT_POLICY=passive ";
 const double PI = 3.14159265358979323846;
 
 void synth(const std::string& dir, const std::string& args) {
   std::string out;
-  ASSERT_EQ(zk_run("cd '" + dir + "' && " + ENV + MOVIE_SYNTH_BIN + " " + args, &out), 0) << out;
+  ASSERT_EQ(zk_run_in(dir, MOVIE_SYNTH_BIN, args, &out), 0) << out;
 }
 int lombar(const std::string& dir, const std::string& args, std::string* out) {
-  return zk_run("cd '" + dir + "' && " + ENV + LOMBAR_BIN + " " + args, out);
-}
-
-std::vector<float> read_stack(const std::string& path, MRC_HEAD& h) {
-  mrcf_read_head(path.c_str(), &h);
-  std::vector<float> v((size_t)h.nx * h.ny * h.nz);
-  mrcf_read_all(path.c_str(), v.data());
-  return v;
+  return zk_run_in(dir, LOMBAR_BIN, args, out);
 }
 
 using cd = std::complex<double>;
@@ -137,11 +128,10 @@ TEST(MovieEndToEnd, WeightedParticlesAgainstAnIndependentComputation) {
   zk_put(dir / "mov_ctfw.txt", w);
   std::string out;
   ASSERT_EQ(lombar(dir.path, "--apix 1.25 --newsize 48 --D_b 0.3 mov.mrc", &out), 0) << out;
-  MRC_HEAD hm, hw;
-  const std::vector<float> movie = read_stack(dir / "mov.mrc", hm);
-  const std::vector<float> got = read_stack(dir / "mov_wave.mrc", hw);
-  ASSERT_EQ(hw.nx, 48);
-  ASSERT_EQ(hw.nz, 9);  // 3 x 3 cells of 48 pixels
+  const std::vector<float> movie = read_test_mrc(dir / "mov.mrc").v;
+  const TestMrc got = read_test_mrc(dir / "mov_wave.mrc");
+  ASSERT_EQ(got.nx(), 48);
+  ASSERT_EQ(got.nz(), 9);  // 3 x 3 cells of 48 pixels
   const Log log = read_log(dir / "mov_dose_drift.txt");
   ASSERT_EQ(log.dose.size(), 7u);
   // Particles 0 and 5: boxes at the cell corners, 8 pixels of margin.
@@ -151,17 +141,8 @@ TEST(MovieEndToEnd, WeightedParticlesAgainstAnIndependentComputation) {
     double scale = 0;
     for (double v : ref) scale = std::max(scale, fabs(v));
     for (size_t i = 0; i < ref.size(); ++i)
-      ASSERT_NEAR(got[(size_t)k * 48 * 48 + i], ref[i], 2e-5 * scale) << "particle " << k << " pixel " << i;
+      ASSERT_NEAR(got.v[(size_t)k * 48 * 48 + i], ref[i], 2e-5 * scale) << "particle " << k << " pixel " << i;
   }
-}
-
-bool no_temporary_files(const std::string& dir) {
-  DIR* d = opendir(dir.c_str());
-  bool clean = true;
-  while (dirent* e = readdir(d))
-    if (std::string(e->d_name).find(".part") != std::string::npos) clean = false;
-  closedir(d);
-  return clean;
 }
 
 TEST(MovieEndToEnd, UnusableMoviesAreNamedAndSkipped) {
@@ -193,7 +174,7 @@ TEST(MovieEndToEnd, UnusableMoviesAreNamedAndSkipped) {
   for (const char* m : {"b", "c", "d", "e", "g"}) EXPECT_FALSE(zk_exists(dir / (std::string(m) + "_wave.mrc"))) << m;
   EXPECT_TRUE(zk_exists(dir / "a_wave.mrc"));
   EXPECT_TRUE(zk_exists(dir / "f_wave.mrc"));
-  EXPECT_TRUE(no_temporary_files(dir.path));
+  EXPECT_FALSE(zk_has(zk_listing(dir.path), ".part"));
   // Boxes larger than the frames.
   ASSERT_EQ(lombar(dir.path, "--apix 1 --newsize 128 f.mrc", &out), 0) << out;
   EXPECT_TRUE(zk_matches(out,
@@ -231,10 +212,9 @@ TEST(MovieEndToEnd, MissingCtfWeightsMeanNoneAndInvertFlipsTheContrast) {
   EXPECT_TRUE(zk_matches(out, "No CTF weight log m_ctfw.txt: no CTF weighting.")) << out;
   EXPECT_EQ(zk_slurp(dir / "m_wave.mrc"), with_ones);
 
-  MRC_HEAD h;
-  const std::vector<float> plain = read_stack(dir / "m_wave.mrc", h);
+  const std::vector<float> plain = read_test_mrc(dir / "m_wave.mrc").v;
   ASSERT_EQ(lombar(dir.path, "--apix 1 --newsize 32 --invert m.mrc", &out), 0) << out;
-  const std::vector<float> inverted = read_stack(dir / "m_wave.mrc", h);
+  const std::vector<float> inverted = read_test_mrc(dir / "m_wave.mrc").v;
   ASSERT_EQ(plain.size(), inverted.size());
   for (size_t k = 0; k < plain.size(); ++k) ASSERT_EQ(inverted[k], -plain[k]) << k;
 }

@@ -1,5 +1,5 @@
 // The dose/drift, drift and CTF weight logs: exact behaviour on good,
-// short, malformed and out-of-step files, and the writers' round trip.
+// short, malformed and out-of-step files.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -145,24 +145,6 @@ TEST(MovieLogs, CtfWeightReader) {
     else
       EXPECT_TRUE(zk_matches(o.text, "^" + c.printed + "$")) << c.what << ":\n" << o.text;
   }
-}
-
-TEST(MovieLogs, WritersRoundTrip) {
-  ZkTmpDir dir;
-  const std::vector<float> dose = {0.5f, 1.5f, 2.5f, 40.25f};
-  const std::vector<float2> drift = {make_f2(0, 0), make_f2(-1.25f, 3.5f), make_f2(0.125f, -0.0625f),
-                                     make_f2(12, -7.75f)};
-  write_dose_drift_txt((dir / "m_dose_drift.txt").c_str(), dose.data(), drift.data(), 4);
-  std::vector<float> d2(4);
-  std::vector<float2> f2(4), f3(4);
-  ASSERT_EQ(get_dose_smoothed_drift_from_txt(d2.data(), f2.data(), 4, (dir / "m_dose_drift.txt").c_str()), 0);
-  EXPECT_EQ(d2, dose);
-  for (int i = 0; i < 4; ++i) EXPECT_TRUE(f2[i].x == drift[i].x && f2[i].y == drift[i].y) << i;
-  const std::vector<float> s = {0, 0.01f, 0.02f}, w = {1, 0.75f, 0.125f};
-  write_ctfw_txt((dir / "m_ctfw.txt").c_str(), s.data(), w.data(), 3);
-  std::vector<float> w2(3);
-  ASSERT_EQ(get_ctfw_from_txt(w2.data(), 3, (dir / "m_ctfw.txt").c_str()), 0);
-  EXPECT_EQ(w2, w);
 }
 
 }  // namespace

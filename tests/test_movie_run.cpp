@@ -1,6 +1,6 @@
 // The weighted run over one movie's particle stack: the frames each particle
 // uses, the order of the particles, the batched device path against the
-// staged operations, the other paths, the names and the refusals.
+// staged operations, the other paths and the refusals.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -64,17 +64,6 @@ struct Set {
     return r;
   }
 };
-
-TEST(MovieRun, NamesOfTheCurrentMovie) {
-  Set s;
-  const std::string base = s.dir / "m";
-  EXPECT_EQ(std::string(s.para.out_name), base + "_wave.mrc");
-  EXPECT_EQ(std::string(s.para.name_a), base + "_zavik.box");
-  EXPECT_EQ(std::string(s.para.name_b), base + "_dose_drift.txt");
-  EXPECT_EQ(std::string(s.para.name_c), base + "_ctfw.txt");
-  EXPECT_EQ(std::string(s.para.particles_name), base + "_particles.mrcs");
-  EXPECT_EQ(s.para.head.nz, 6);
-}
 
 TEST(MovieRun, FirstMovieMustBeSquare) {
   Set s;

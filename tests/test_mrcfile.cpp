@@ -88,12 +88,6 @@ Floats read_of(const std::string& p, char axis, int slice, size_t n) {
   return v;
 }
 
-std::string listing(const ZkTmpDir& dir) {
-  std::string ls;
-  zk_run("ls -A '" + dir.path + "'", &ls);
-  return ls;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------- the head
@@ -440,7 +434,7 @@ TEST(MrcWrite, HeadAndSamplesOfWrittenFiles) {
   float* back = get_mrcf_data_all(p.c_str());
   EXPECT_EQ(Floats(back, back + d.size()), d);
   free(back);
-  EXPECT_EQ(listing(dir), "st.mrc\n");
+  EXPECT_EQ(zk_listing(dir.path), "st.mrc\n");
 
   // The mean is summed in double: after 1e8 a float sum would lose every 1.
   Floats ones(1001, 1.0f);
@@ -476,7 +470,7 @@ TEST(MrcWrite, FailuresEndTheRunAndLoseNoFile) {
   setrlimit(RLIMIT_FSIZE, &old_limit);
   signal(SIGXFSZ, old_handler);
   EXPECT_EQ(zk_slurp(p), "old");
-  EXPECT_EQ(listing(dir), "big.mrc\n");
+  EXPECT_EQ(zk_listing(dir.path), "big.mrc\n");
 }
 
 class MrcDeviceWrite : public BackendTest {};

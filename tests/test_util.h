@@ -75,6 +75,19 @@ inline int zk_run(const std::string& cmd, std::string* out) {
   return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }
 
+// The names in folder dir, one a line, dot files included.
+inline std::string zk_listing(const std::string& dir) {
+  std::string out;
+  zk_run("ls -A '" + dir + "'", &out);
+  return out;
+}
+
+// Runs a program of this build in folder dir.  Its threads sleep between the
+// many short loops, so that a loaded test machine does not stall them.
+inline int zk_run_in(const std::string& dir, const std::string& program, const std::string& args, std::string* out) {
+  return zk_run("cd '" + dir + "' && OMP_WAIT_POLICY=passive " + program + " " + args, out);
+}
+
 // Root passes every permission test: tests of unreadable files skip then.
 inline bool zk_running_as_root() { return geteuid() == 0; }
 
